@@ -1,0 +1,43 @@
+// PCIe or USB, and the state of the MHI channel pair 32/33.
+#pragma once
+
+#include <pthread.h>
+#include <semaphore.h>
+
+enum vexa_linux_tristate_e : int {
+    VEXA_LINUX_TRISTATE_FALSE = 0,
+    VEXA_LINUX_TRISTATE_TRUE = 1,
+    VEXA_LINUX_TRISTATE_UNKNOWN = 2,
+};
+
+// R is channel 32, W channel 33, FULL both.
+enum vexa_mhi_ctrl_state_e : int {
+    VEXA_MHI_CTRL_UNKNOWN = 0,
+    VEXA_MHI_CTRL_DISCONNECTED_R = 1,
+    VEXA_MHI_CTRL_DISCONNECTED_W = 2,
+    VEXA_MHI_CTRL_DISCONNECTED_FULL = 3,
+    VEXA_MHI_CTRL_CONNECTED_R = 4,
+    VEXA_MHI_CTRL_CONNECTED_W = 5,
+    VEXA_MHI_CTRL_CONNECTED_FULL = 6,
+    VEXA_MHI_CTRL_CONFIGURED_R = 7,
+    VEXA_MHI_CTRL_CONFIGURED_W = 8,
+    VEXA_MHI_CTRL_CONFIGURED_FULL = 9,
+};
+
+extern int g_vexa_pcie_enabled;  // a tristate; 1 when the host link is PCIe
+extern int g_mhi_ctrl_state;     // vexa_mhi_ctrl_state_e; written by the monitor thread only
+extern sem_t g_mhi_monitor_semaphore;
+extern pthread_mutex_t g_mhi_monitor_write_op;
+
+void vexa_linux_dev_init();
+int vexa_linux_does_mhi_ctrl_exist();
+// 1 when the host link is PCIe. Any thread.
+int vexa_pcie_is_enabled();
+// Whether AT answers go over the pipe now: PCIe enabled and both channels connected. Any thread.
+bool is_pcie_live();
+
+int vexa_linux_open_netlink_socket();
+vexa_mhi_ctrl_state_e vexa_linux_get_mhi_state_from_uevent_file();
+vexa_mhi_ctrl_state_e vexa_linux_parse_mhi_uevent(char* msg, int len);
+int vexa_linux_update_mhi_channel_state(vexa_mhi_ctrl_state_e mhi_state);
+void* vexa_linux_monitor_thread_entry(void*);
