@@ -47,3 +47,5 @@ enum eParsePackCurState : int {
     CUR_STATE_MUX_DESTRYOY = 6,
     CUR_STATE_ERROR = 7,
 };
+
+extern BOOL bMuxActiveStatus;  // declared for users of this header; the session does not use it

@@ -3,9 +3,10 @@
 
 #include "thread_info.h"
 
-// Writes `length` bytes of an answer as UIH frames of at most kMuxMaxInformation bytes each to the
-// UART host port of `uart` (g_uart_tinfo_for_mux's from side or a bridge record's to side, see the
-// two callers), under the port's mutex. An answer for a channel that has no address yet (dlc 0) is
-// logged and not written; 0. Otherwise the result of the writes. No device mutex held.
+// Writes `length` bytes of an answer to the UART host port as UIH frames of at most
+// kMuxMaxInformation bytes each, all of them under one hold of the port's mutex. `dlc` is the
+// address byte of the host's last payload of that kind; with 0 (none came yet) nothing is written
+// and the result is 0. Otherwise the result of the writes, negative on failure. The caller holds
+// no device mutex.
 int write_mux_answer(int dlc, const char* answer, int length, int* host_fd, const char* host_path,
                      pthread_mutex_t* host_mutex);

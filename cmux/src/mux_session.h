@@ -1,16 +1,18 @@
 // The multiplexer session on the UART port: +CMUX, set-up, and the road of the payloads.
 #pragma once
 
+#include <string_view>
+
 #include "at_mux.h"
+#include "gsm0710_frame.h"
 
 extern tMuxConfig g_MuxCfg;
-extern int g_cur_mux_proc_state;  // eParsePackCurState
-extern int g_uart_port_status;    // 1 once +CMUX was accepted, never set back; shared_int.h
-extern int g_mux_atcmd_dlc;       // address byte of the last AT payload, 0 before one came
-extern int g_mux_ppp_dlc;         // address byte of the last dial payload, 0 before one came
+extern eParsePackCurState g_cur_mux_proc_state;  // only the UART host reader's thread
 
-// The largest information field of one UIH frame (one length byte, 3GPP TS 27.010 5.2.1.5).
-inline constexpr int kMuxMaxInformation = 127;
+// Set by the UART host reader's thread, read by whoever writes answers; through shared_int.h.
+extern int g_uart_port_status;  // 1 once +CMUX was accepted, never set back
+extern UINT8 g_mux_atcmd_dlc;   // address byte of the last AT payload, 0 before one came
+extern UINT8 g_mux_ppp_dlc;     // address byte of the last dial payload, 0 before one came
 
 // Host input on the UART port: the +CMUX line, or one whole frame. resp_buf holds 4096 bytes.
 // *resp_direction 0: resp_buf goes back to the UART; 1: it is a payload, host input.
@@ -26,3 +28,5 @@ int SA_DefaultMuxDataHandler_CMUX(const char* at_buf, int buf_len, char* resp_bu
 int proc_ue_to_host_cmux_response(int dlc, const char* resp_buf, int resp_buf_len, char* out_buf,
                                   int* out_len);
 int get_para_counts(const char* at_buf, int buf_len);
+// What decides a payload's road: a dial command starts the data call of the modem port.
+bool is_mux_dial_payload(std::string_view payload);
