@@ -6,13 +6,13 @@
 // -1 means closed. A descriptor's mutex is held for each single system call on it: by its reader
 // (store after open, read, TIOCMGET), by whoever writes to it or sets its modem-control lines, and
 // by close_fd_mutexed (device_io.h). Never held across a poll; never two of them at once.
-extern int mdm_fd;                // modem side of the main pair
-extern int usb_fd;                // host side of the main pair
-extern int mdm_atport_fd;         // /dev/smd7
-extern int usb_atport_fd;         // /dev/at_usb1
-extern int usb_atport_fd_pcie;    // /dev/mhi_pipe_32, shares usb_atport_mutex
-extern int mdm_uartport_fd;       // /dev/smd8
-extern int usb_uartport_fd;       // /dev/ttyMSM1
+extern int mdm_fd;              // modem side of the main pair
+extern int usb_fd;              // host side of the main pair
+extern int mdm_atport_fd;       // /dev/smd7
+extern int usb_atport_fd;       // /dev/at_usb1
+extern int usb_atport_fd_pcie;  // /dev/mhi_pipe_32, shares usb_atport_mutex
+extern int mdm_uartport_fd;     // /dev/smd8
+extern int usb_uartport_fd;     // /dev/ttyMSM1
 
 extern pthread_mutex_t mdm_mutex;
 extern pthread_mutex_t usb_mutex;
@@ -43,5 +43,5 @@ struct DevicePoll {
 // elsewhere). Called by the device's one reader only, without any lock.
 DevicePoll poll_shared_device(const int* slot, pthread_mutex_t* mutex, short events,
                               int timeout_ms = -1);
-// Makes the poll of `slot`'s reader return. Called by close_fd_mutexed.
+// Makes the poll of `slot`'s reader return. Called by close_fd_mutexed with the slot's mutex held.
 void wake_device_reader(const int* slot);

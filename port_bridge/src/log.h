@@ -1,21 +1,70 @@
 // The one log facility. Any thread, no lock: lines of two threads may interleave.
 #pragma once
 
-#include "diag.h"
+#include <array>
+#include <cstddef>
+#include <tuple>
+#include <utility>
 
-// Logs one message with the calling function's name and line: to standard output with a time
-// stamp, or to the diagnostic channel while g_qxdm_log is 1 (read once per message).
-// `format` must be a string literal. The diagnostic channel carries the first three arguments.
-#define VEXA_LOG(format, ...)                                                              \
-    do {                                                                                   \
-        static constexpr vexa_diag_message vexa_log_site = {                               \
-            static_cast<uint16_t>(__LINE__), kDiagSubsystem, kDiagLevel, "%s(): " format,  \
-            __FILE__};                                                                     \
-        log_message(&vexa_log_site, __func__, __LINE__, format __VA_OPT__(, ) __VA_ARGS__); \
-    } while (false)
+#include "diag.h"
 
 inline constexpr uint16_t kDiagSubsystem = 65;
 inline constexpr uint32_t kDiagLevel = 2;
+// The diagnostic channel carries the function's name and at most this many arguments.
+inline constexpr std::size_t kDiagArguments = 3;
 
-void log_message(const vexa_diag_message* site, const char* function, int line, const char* format,
-                 ...) __attribute__((format(printf, 4, 5)));
+// A format for the diagnostic channel: cut before the first conversion that has no argument there,
+// so that the channel never follows one that was not passed.
+template <std::size_t size>
+consteval std::array<char, size> diag_format(const char (&format)[size]) {
+    std::array<char, size> text{};
+    std::size_t conversions = 0;
+    for (std::size_t i = 0; i + 1 < size; ++i) {
+        const bool is_percent_sign = format[i] == '%' && format[i + 1] == '%';
+        if (format[i] == '%' && !is_percent_sign && ++conversions > kDiagArguments + 1)
+            break;
+        text[i] = format[i];
+        if (is_percent_sign) {
+            ++i;
+            text[i] = format[i];
+        }
+    }
+    return text;
+}
+
+// Whether messages go to the diagnostic channel now: g_qxdm_log is 1.
+bool log_goes_to_diag();
+
+// One message on standard output, in three writes: time stamp, function and line, message.
+void print_log_line(const char* function, int line, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
+
+// One message on the diagnostic channel; missing arguments are passed as 0.
+template <typename... Arguments>
+void send_diag_message(const vexa_diag_message* site, const char* function,
+                       const Arguments&... arguments) {
+    const auto padded = std::tuple_cat(std::tuple<const Arguments&...>(arguments...),
+                                       std::array<int, kDiagArguments>{});
+    msg_sprintf(site, function, std::get<0>(padded), std::get<1>(padded), std::get<2>(padded));
+}
+
+// A diagnostic message of its own, whatever g_qxdm_log says.
+#define VEXA_DIAG(format, ...)                                                                 \
+    do {                                                                                       \
+        static constexpr auto vexa_diag_text = diag_format("%s(): " format);                   \
+        static constexpr vexa_diag_message vexa_diag_site = {static_cast<uint16_t>(__LINE__),  \
+                                                             kDiagSubsystem, kDiagLevel,       \
+                                                             vexa_diag_text.data(), __FILE__}; \
+        send_diag_message(&vexa_diag_site, __func__ __VA_OPT__(, ) __VA_ARGS__);               \
+    } while (false)
+
+// Logs one message with the calling function's name and line: to standard output with a time
+// stamp, or to the diagnostic channel while g_qxdm_log is 1 (read once per message).
+// `format` must be a string literal.
+#define VEXA_LOG(format, ...)                                                      \
+    do {                                                                           \
+        if (log_goes_to_diag())                                                    \
+            VEXA_DIAG(format __VA_OPT__(, ) __VA_ARGS__);                          \
+        else                                                                       \
+            print_log_line(__func__, __LINE__, format __VA_OPT__(, ) __VA_ARGS__); \
+    } while (false)

@@ -10,4 +10,4 @@ extern termios tiosfd;  // as found when the UART was opened
 int set_uart_attr(int fd, int nSpeed, int nBits, char nEvent, int nStop);
 void xget1(int fd, termios* t, termios* oldt);
 // Result of tcsetattr; a failure is printed and the port used as it is.
-int xset1(int fd, termios* tio, const char* device);
+int xset1(int fd, termios* settings, const char* device);
