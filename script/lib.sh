@@ -1,0 +1,45 @@
+# Shared by the scripts of this folder; sourced, never run.
+# shellcheck shell=bash
+
+ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+export ROOT
+
+say() { printf '%s: %s\n' "$(basename "$0")" "$*" >&2; }
+
+die() {
+    say "$*"
+    exit 1
+}
+
+jobs_wanted() { echo "${VEXA_JOBS:-$(nproc)}"; }
+
+known_preset() {
+    case "$1" in
+        host | asan | tsan) ;;
+        *) die "unknown preset '$1'; one of: host asan tsan" ;;
+    esac
+}
+
+# A sanitizer's run-time cannot place its shadow where a kernel spreads mappings over 32 bits.
+run_preset() {
+    local preset=$1
+    shift
+    local bits
+    bits=$(cat /proc/sys/vm/mmap_rnd_bits 2>/dev/null || echo 28)
+    if [ "$preset" != host ] && [ "$bits" -gt 28 ]; then
+        setarch -R "$@"
+    else
+        "$@"
+    fi
+}
+
+# configure PRESET: quick when the build folder stands; CMake itself notices changed lists.
+configure() {
+    local preset=$1
+    [ -f "$ROOT/build/$preset/build.ninja" ] && return 0
+    local launcher=()
+    if command -v ccache >/dev/null; then
+        launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+    fi
+    (cd "$ROOT" && run_preset "$preset" cmake --preset "$preset" "${launcher[@]}") >&2
+}
