@@ -1,0 +1,142 @@
+#include "line_settings.h"
+
+#include <strings.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+
+#include "input_source.h"
+#include "log.h"
+#include "shared_int.h"
+
+uint8_t g_ats3_carriage_return_char = 13;
+uint8_t g_ats4_line_feed_char = 10;
+uint8_t g_ats5_cmd_line_edit_char = 8;
+int g_client_ate_status = kEchoOn;
+int g_client_atv_status = 1;
+
+namespace {
+
+// ITU-T V.250 6.2.1: S3, S4 and S5 hold a character of 0 to 127.
+constexpr unsigned long kFirstBadCharacter = 128;
+// From "=" to the terminator: the "=" and at most three digits.
+constexpr int kLongestSettingDistance = 4;
+
+uint8_t load(uint8_t& setting) {
+    return std::atomic_ref<uint8_t>(setting).load(std::memory_order_acquire);
+}
+
+// Null for a register that is not a line setting ("ats0", "ats24").
+uint8_t* setting_of(char register_digit) {
+    switch (register_digit) {
+        case '3':
+            return &g_ats3_carriage_return_char;
+        case '4':
+            return &g_ats4_line_feed_char;
+        case '5':
+            return &g_ats5_cmd_line_edit_char;
+        default:
+            return nullptr;
+    }
+}
+
+// "ATSn=value" and the terminator.
+int take_s_register(const char* line) {
+    const char* equals = strchr(line, '=');
+    // With S3 at 0 the text's own end is its first occurrence, so that "ATS3=13" still works.
+    const char* end = strchr(line, s3_char());
+    if (equals == nullptr || end == nullptr) {
+        VEXA_LOG("we ats illegal ... %d,%d,%d.\n", 0, 0, 0);
+        return 0;
+    }
+    const auto distance = static_cast<int>(end - equals);
+    if (distance > kLongestSettingDistance) {
+        VEXA_LOG("we ats illegal len ... temp_end-temp_equal:%d,%d,%d.\n", distance, 0, 0);
+        return -1;
+    }
+    const unsigned long value = strtoul(equals + 1, nullptr, 10);
+    uint8_t* const setting = setting_of(line[3]);
+    if (setting != nullptr && value < kFirstBadCharacter)
+        std::atomic_ref<uint8_t>(*setting).store(static_cast<uint8_t>(value),
+                                                 std::memory_order_release);
+    return 0;
+}
+
+// The first of the words that the line holds, in the words' order; null when it holds none.
+const char* find_first(const char* line, std::initializer_list<const char*> words) {
+    for (const char* word : words)
+        if (const char* found = strstr(line, word))
+            return found;
+    return nullptr;
+}
+
+}  // namespace
+
+uint8_t s3_char() {
+    return load(g_ats3_carriage_return_char);
+}
+
+uint8_t s4_char() {
+    return load(g_ats4_line_feed_char);
+}
+
+bool is_echo_on() {
+    return load_shared(g_client_ate_status) == kEchoOn;
+}
+
+int vexa_check_specialstring(const char* str) {
+    if (strncasecmp(str, "ATI", 3) == 0)
+        return 0;
+    if (strncasecmp(str, "ats", 3) == 0)
+        return take_s_register(str);
+    for (const char* prefix : {"AT+WS", "at+cv", "at+mai2sy"})
+        if (strncasecmp(str, prefix, strlen(prefix)) == 0)
+            return 0;
+    return -1;
+}
+
+int set_atevq_status_flag(void) {
+    const char* line = current_line().text();
+    if (const char* echo = find_first(line, {"e0", "e1", "E0", "E1"})) {
+        if (echo[1] == '0') {
+            store_shared(g_client_ate_status, kEchoOff);
+            VEXA_LOG("ate0 got, we disable echo-display....%d,%d,%d.\n", 0, 0, 0);
+        } else {
+            store_shared(g_client_ate_status, kEchoOn);
+        }
+        return 0;
+    }
+    // An ATE with any other value, or none, keeps the setting.
+    if (strcasestr(line, "ate") != nullptr)
+        VEXA_LOG("ate error value.\r\n.");
+    if (const char* verbose = find_first(line, {"v0", "v1", "V0", "V1"})) {
+        store_shared(g_client_atv_status, verbose[1] == '0' ? 0 : 1);
+        return 0;
+    }
+    if (strcasestr(line, "atv") != nullptr)
+        VEXA_LOG("atv error value.\r\n.");
+    return 0;
+}
+
+int input_atcmd_ignore_spaceback(const char* at_buf, int at_buf_len, char* at_buf_no_sb,
+                                 int* len_without_spaceback) {
+    if (at_buf == nullptr || at_buf_no_sb == nullptr || len_without_spaceback == nullptr ||
+        at_buf_len <= 0)
+        return -1;
+    const auto s3 = static_cast<char>(s3_char());
+    const char* const end = std::find(at_buf, at_buf + at_buf_len, s3);
+    char* out = at_buf_no_sb;
+    bool quoted = false;
+    for (const char* byte = at_buf; byte != end; ++byte) {
+        if (*byte == '"')
+            quoted = !quoted;
+        if (*byte != ' ' || quoted)
+            *out++ = *byte;
+    }
+    *out++ = s3;
+    *out = '\0';
+    *len_without_spaceback = static_cast<int>(out - at_buf_no_sb);
+    return 0;
+}

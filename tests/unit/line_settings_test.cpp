@@ -1,0 +1,144 @@
+#include "line_settings.h"
+
+#include "input_source.h"
+#include "shared_int.h"
+
+namespace {
+
+class LineSettings : public ::testing::Test {
+  protected:
+    void SetUp() override { reset(); }
+    void TearDown() override { reset(); }
+    static void reset() {
+        g_ats3_carriage_return_char = 13;
+        g_ats4_line_feed_char = 10;
+        g_ats5_cmd_line_edit_char = 8;
+        store_shared(g_client_ate_status, kEchoOn);
+        store_shared(g_client_atv_status, 1);
+        current_line().clear();
+    }
+};
+
+TEST_F(LineSettings, SpecialStrings) {
+    struct {
+        const char* line;
+        int result;
+    } const rows[] = {
+        {"ATI9\r", 0},       {"ati\r", 0},     {"AT+WS46\r", 0},
+        {"at+ws46=12\r", 0}, {"AT+CVHU\r", 0}, {"AT+MAI2SY\r", 0},
+        {"ATE0\r", -1},      {"AT+CSQ\r", -1}, {"", -1},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(vexa_check_specialstring(row.line), row.result) << row.line;
+}
+
+TEST_F(LineSettings, SRegisters) {
+    struct {
+        const char* line;
+        int result;
+        int s3, s4, s5;
+        const char* why;
+    } const rows[] = {
+        {"ATS3=35\r", 0, 35, 10, 8, "S3"},
+        {"ats4=33\r", 0, 13, 33, 8, "S4"},
+        {"ATS5=127\r", 0, 13, 10, 127, "the largest character"},
+        {"ATS5=128\r", 0, 13, 10, 8, "not a character"},
+        {"ATS3=200\r", 0, 13, 10, 8, "not a character, but a name"},
+        {"ATS3=-1\r", 0, 13, 10, 8, "a negative value is a large unsigned one"},
+        {"ATS3=1234\r", -1, 13, 10, 8, "four digits"},
+        {"ATS3=013\r", 0, 13, 10, 8, "three digits"},
+        {"ATS0=1\r", 0, 13, 10, 8, "another register"},
+        {"ATS24=1\r", 0, 13, 10, 8, "another register"},
+        {"ATS3?\r", 0, 13, 10, 8, "no ="},
+        {"ATS3=35", 0, 13, 10, 8, "no terminator"},
+        {"ATS4=0\r", 0, 13, 0, 8, "zero is a character"},
+    };
+    for (const auto& row : rows) {
+        reset();
+        EXPECT_EQ(vexa_check_specialstring(row.line), row.result) << row.line << ": " << row.why;
+        EXPECT_EQ(g_ats3_carriage_return_char, row.s3) << row.line << ": " << row.why;
+        EXPECT_EQ(g_ats4_line_feed_char, row.s4) << row.line << ": " << row.why;
+        EXPECT_EQ(g_ats5_cmd_line_edit_char, row.s5) << row.line << ": " << row.why;
+    }
+}
+
+TEST_F(LineSettings, S3AtZeroCanBeRestored) {
+    vexa_check_specialstring("ATS3=0\r");
+    EXPECT_EQ(s3_char(), 0);
+    vexa_check_specialstring("ATS3=13");
+    EXPECT_EQ(s3_char(), 13);
+}
+
+TEST_F(LineSettings, EchoAndVerbose) {
+    struct {
+        const char* line;
+        int echo, verbose;
+        const char* why;
+    } const rows[] = {
+        {"ATE0\r", kEchoOff, 1, "echo off"},
+        {"ate1\r", kEchoOn, 1, "echo on"},
+        {"ATE2\r", kEchoOn, 1, "no such value"},
+        {"ATV0\r", kEchoOn, 0, "terse"},
+        {"atv1\r", kEchoOn, 1, "verbose"},
+        {"ATV7\r", kEchoOn, 1, "no such value"},
+        {"ATE0V0\r", kEchoOff, 1, "only the echo"},
+        {"ATV0E0\r", kEchoOff, 1, "only the echo, in any order"},
+        {"ATQ0\r", kEchoOn, 1, "neither"},
+    };
+    for (const auto& row : rows) {
+        reset();
+        current_line().assign(row.line);
+        set_atevq_status_flag();
+        EXPECT_EQ(load_shared(g_client_ate_status), row.echo) << row.line << ": " << row.why;
+        EXPECT_EQ(load_shared(g_client_atv_status), row.verbose) << row.line << ": " << row.why;
+    }
+}
+
+TEST_F(LineSettings, EchoValuesThatAreNoneAreLogged) {
+    current_line().assign("ATE2\r");
+    testing::internal::CaptureStdout();
+    set_atevq_status_flag();
+    EXPECT_NE(testing::internal::GetCapturedStdout().find("ate error value.\r\n."),
+              std::string::npos);
+}
+
+TEST_F(LineSettings, SpaceRemover) {
+    struct {
+        std::string line;
+        uint8_t s3;
+        std::string result;
+        const char* why;
+    } const rows[] = {
+        {"AT + CSQ\r", 13, "AT+CSQ\r", "spaces go"},
+        {"AT+CMGS=\"a b\" , 1\r", 13, "AT+CMGS=\"a b\",1\r", "quoted spaces stay"},
+        {"AT \"x \r", 13, "AT\"x \r", "an open quote lasts to the end"},
+        {"\rAT", 13, "\r", "S3 at once"},
+        {"AT \r\n", 13, "AT\r", "what follows S3 is not copied"},
+        {"A T\r", '#', "AT\r#", "no S3 in the line: bounded by its length"},
+        {"AT \"#\" 1\r", '#', "AT\"#", "S3 stops inside quotes, too"},
+        {"A T", 13, "AT\r", "S3 is appended always"},
+    };
+    for (const auto& row : rows) {
+        g_ats3_carriage_return_char = row.s3;
+        std::string out(row.line.size() + 2, '~');
+        int length = 0;
+        EXPECT_EQ(input_atcmd_ignore_spaceback(row.line.c_str(), static_cast<int>(row.line.size()),
+                                               out.data(), &length),
+                  0);
+        EXPECT_EQ(std::string(out.c_str()), row.result) << row.why;
+        EXPECT_EQ(length, static_cast<int>(row.result.size())) << row.why;
+    }
+}
+
+TEST_F(LineSettings, SpaceRemoverRefusesNothing) {
+    char out[8];
+    int length = 7;
+    EXPECT_EQ(input_atcmd_ignore_spaceback(nullptr, 3, out, &length), -1);
+    EXPECT_EQ(input_atcmd_ignore_spaceback("AT\r", 0, out, &length), -1);
+    EXPECT_EQ(input_atcmd_ignore_spaceback("AT\r", -1, out, &length), -1);
+    EXPECT_EQ(input_atcmd_ignore_spaceback("AT\r", 3, nullptr, &length), -1);
+    EXPECT_EQ(input_atcmd_ignore_spaceback("AT\r", 3, out, nullptr), -1);
+    EXPECT_EQ(length, 7);
+}
+
+}  // namespace
