@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cerrno>
+#include <utility>
 
 #include "mutex_guard.h"
 
@@ -30,20 +31,21 @@ const char* const glink_file_path = "/dev/at_mdm0";
 
 namespace {
 
-// `wake_fd` is an eventfd made at the reader's first poll; it is guarded by the slot's own mutex,
-// like the slot.
+// `wake_fd` is an eventfd made at the reader's first poll. Both are guarded by the slot's own
+// mutex, like the slot.
 struct DeviceWake {
     const int* slot;
     int wake_fd;
+    bool was_hung_up;
 };
 constinit std::array<DeviceWake, 7> g_wakes = {{
-    {&mdm_fd, -1},
-    {&usb_fd, -1},
-    {&mdm_atport_fd, -1},
-    {&usb_atport_fd, -1},
-    {&usb_atport_fd_pcie, -1},
-    {&mdm_uartport_fd, -1},
-    {&usb_uartport_fd, -1},
+    {&mdm_fd, -1, false},
+    {&usb_fd, -1, false},
+    {&mdm_atport_fd, -1, false},
+    {&usb_atport_fd, -1, false},
+    {&usb_atport_fd_pcie, -1, false},
+    {&mdm_uartport_fd, -1, false},
+    {&usb_uartport_fd, -1, false},
 }};
 
 DeviceWake* find_wake(const int* slot) {
@@ -93,4 +95,19 @@ void wake_device_reader(const int* slot) {
     const DeviceWake* wake = find_wake(slot);
     if (wake != nullptr && wake->wake_fd >= 0)
         eventfd_write(wake->wake_fd, 1);
+}
+
+void note_hang_up(const int* slot) {
+    DeviceWake* wake = find_wake(slot);
+    if (wake == nullptr)
+        return;
+    pollfd polled = {*slot, 0, 0};
+    if (poll(&polled, 1, 0) > 0 && (polled.revents & (POLLERR | POLLHUP)) != 0)
+        wake->was_hung_up = true;
+}
+
+bool take_hang_up(const int* slot, pthread_mutex_t* mutex) {
+    const MutexGuard guard(mutex);
+    DeviceWake* wake = find_wake(slot);
+    return wake != nullptr && std::exchange(wake->was_hung_up, false);
 }

@@ -45,3 +45,9 @@ DevicePoll poll_shared_device(const int* slot, pthread_mutex_t* mutex, short eve
                               int timeout_ms = -1);
 // Makes the poll of `slot`'s reader return. Called by close_fd_mutexed with the slot's mutex held.
 void wake_device_reader(const int* slot);
+
+// A host that hung up is noticed by whoever closes the port first, and its reader has to tell the
+// modem. note_hang_up is called by close_fd_mutexed before it closes, with the slot's mutex held;
+// take_hang_up answers once whether a descriptor closed since the last call was hung up.
+void note_hang_up(const int* slot);
+bool take_hang_up(const int* slot, pthread_mutex_t* mutex);

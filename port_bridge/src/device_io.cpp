@@ -92,6 +92,7 @@ void close_fd_mutexed(const char* file_path, const volatile int* fd, pthread_mut
                  0);
         exit(1);
     }
+    note_hang_up(slot);
     close(*slot);
     *slot = -1;
     wake_device_reader(slot);
