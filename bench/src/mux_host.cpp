@@ -148,7 +148,7 @@ std::string unescape(std::string_view text) {
 }  // namespace
 
 MuxStep parse_mux_step(std::string_view line) {
-    constexpr int kLargestDlci = 63;
+    constexpr int kLargestDlci = 61;  // 27.010 5.6; 62 and 63 are reserved
     if (take_word(line) != "mux")
         return {};
     const std::string_view verb = take_word(line);

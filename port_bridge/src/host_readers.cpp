@@ -15,6 +15,7 @@
 #include "log.h"
 #include "mhi_monitor.h"
 #include "mutex_guard.h"
+#include "mux_input.h"
 #include "platform_link.h"
 #include "port_state.h"
 #include "serial_line.h"
@@ -210,6 +211,7 @@ Next HostReader::open_uart() {
         return may_retry_uart(error) ? Next::go_on : Next::end;
     store_device(device_, fd);
     is_open_ = true;
+    reset_mux_input();
     // The port is set up under its mutex, like every system call on it.
     const MutexGuard guard(device_.mutex);
     if (fcntl(*device_.slot, F_SETFL, 0) < 0) {

@@ -108,10 +108,10 @@ TEST(BenchMuxScript, Lines) {
     } rows[] = {
         {"mux open", Verb::open, 0, ""},
         {"mux send 2 AT+CGMR\\r", Verb::send, 2, "AT+CGMR\r"},
-        {"mux send 63 \\x00\\xF9 \\\\", Verb::send, 63, "\0\xF9 \\"s},
+        {"mux send 61 \\x00\\xF9 \\\\", Verb::send, 61, "\0\xF9 \\"s},
         {"mux expect 4 CONNECT", Verb::expect, 4, "CONNECT"},
         {"mux expect 2  two spaces ", Verb::expect, 2, " two spaces "},
-        {"mux send 64 AT", Verb::none, 0, ""},
+        {"mux send 62 AT", Verb::none, 0, ""},
         {"mux send -1 AT", Verb::none, 0, ""},
         {"mux send x AT", Verb::none, 0, ""},
         {"mux send 2", Verb::none, 0, ""},

@@ -68,9 +68,9 @@ TEST_F(BenchMuxRecord, TsharkNamesEveryFrame) {
     }
     EXPECT_EQ(record.frames(), std::size(rows));
     EXPECT_EQ(output_of("tshark -r " + path_ +
-                        " -T fields -E separator=, -e mux27010.direction "
+                        " -T fields -E separator=, -E occurrence=f -e mux27010.direction "
                         "-e mux27010.address.dlciaddress -e mux27010.address.craddress "
-                        "-e mux27010.control.frametype -e mux27010.checksum.correct 2>/dev/null"),
+                        "-e mux27010.control.frametype -e mux27010.checksum_correct 2>/dev/null"),
               expected);
 }
 
