@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <span>
+#include <string_view>
 
 #include "command_tables.h"
 #include "line_settings.h"
@@ -18,48 +19,104 @@ constexpr char kCarriageReturn = '\r';
 constexpr char kCtrlZ = 0x1A;
 constexpr char kEscape = 0x1B;
 
-bool holds(const char* text, const char* part) {
-    return strstr(text, part) != nullptr;
+using Names = std::span<const char* const>;
+
+// Compares one line with many names. The line's name is measured again as long as measuring it
+// moves S3 or S4 ("ATS3=84" ends at its "T" from the second time on): the outcome is that of
+// measuring it for every entry.
+class LineName {
+  public:
+    explicit LineName(const char* line) : line_(line) {}
+
+    bool is(const char* name) {
+        measure();
+        return length_ >= 0 && static_cast<std::size_t>(length_) == strlen(name) &&
+               strncasecmp(line_, name, static_cast<std::size_t>(length_)) == 0;
+    }
+
+    bool is_any_of(Names names) {
+        for (const char* name : names)
+            if (is(name))
+                return true;
+        return false;
+    }
+
+  private:
+    void measure() {
+        if (settled_)
+            return;
+        const uint8_t s3 = s3_char();
+        const uint8_t s4 = s4_char();
+        length_ = get_input_at_prefix_len(line_);
+        settled_ = s3 == s3_char() && s4 == s4_char();
+    }
+
+    const char* line_;
+    int length_ = -1;
+    bool settled_ = false;
+};
+
+// The first entry is a marker that is never compared.
+Names without_first(Names names) {
+    return names.subspan(1);
 }
 
-bool holds_any(const char* text, std::initializer_list<const char*> parts) {
-    for (const char* part : parts)
+bool is_name_in(const char* line, Names names) {
+    return line != nullptr && LineName(line).is_any_of(names);
+}
+
+std::string_view text_of(const char* text) {
+    return text != nullptr ? std::string_view(text) : std::string_view();
+}
+
+bool holds(std::string_view text, std::string_view part) {
+    return text.find(part) != std::string_view::npos;
+}
+
+bool holds_any(std::string_view text, std::initializer_list<std::string_view> parts) {
+    for (const std::string_view part : parts)
         if (holds(text, part))
             return true;
     return false;
 }
 
-// The first table entry that is the line's name; null when there is none. The first marker is not
-// compared, the last one is.
-const char* find_command(std::span<const char* const> table, const char* line) {
-    for (const char* entry : table.subspan(1))
-        if (vexa_strmatch(line, entry) == 1)
-            return entry;
-    return nullptr;
+int is_single_command_in(const char* line, Names names) {
+    return is_name_in(line, names) && strchr(line, ';') == nullptr ? 1 : 0;
 }
 
-bool is_ordinary_name_end(char c) {
-    return c == kLineFeed || c == kCarriageReturn || c == '*' || c == '=' || c == '?';
+// ASCII letters differ in bit 5 only.
+bool is_letter(char given, char upper) {
+    return (given & ~0x20) == upper;
 }
 
-bool is_digit(char c) {
-    return c >= '0' && c <= '9';
-}
-
-// "at+gtqxdmlog=1" and "=0" switch the log at once, before the platform has seen the line.
 void switch_diagnostics_log(const char* line) {
-    const char* equals = strchr(line, '=');
-    if (equals == nullptr)
+    const char* equal = strchr(line, '=');
+    if (equal == nullptr)
         return;
-    if (equals[1] == '1')
+    if (equal[1] == '1')
         store_shared(g_qxdm_log, 1);
-    if (equals[1] == '0')
+    if (equal[1] == '0')
         store_shared(g_qxdm_log, 0);
 }
 
-// A mode command in one line with others is theirs to answer, not a mode change.
-int stands_alone(std::span<const char* const> table, const char* line) {
-    return find_command(table, line) != nullptr && strchr(line, ';') == nullptr ? 1 : 0;
+// What one character means for the name that it stands in or behind.
+enum class NamePart { inside, last, behind };
+
+NamePart classify_character(const char* line, char character) {
+    switch (character) {
+        case kLineFeed:
+        case kCarriageReturn:
+        case '*':
+        case '=':
+        case '?':
+            return NamePart::behind;
+        default:
+            break;
+    }
+    if (character >= '0' && character <= '9')
+        return vexa_check_specialstring(line) != 0 ? NamePart::behind : NamePart::inside;
+    const auto byte = static_cast<uint8_t>(character);
+    return byte == s3_char() || byte == s4_char() ? NamePart::last : NamePart::inside;
 }
 
 }  // namespace
@@ -68,15 +125,13 @@ int get_input_at_prefix_len(const char* at_cmd) {
     if (at_cmd == nullptr)
         return -1;
     int length = 0;
-    for (; at_cmd[length] != '\0'; ++length) {
-        const char c = at_cmd[length];
-        if (is_ordinary_name_end(c))
+    while (at_cmd[length] != '\0') {
+        const NamePart part = classify_character(at_cmd, at_cmd[length]);
+        if (part == NamePart::behind)
             return length;
-        if (is_digit(c) && vexa_check_specialstring(at_cmd) != 0)
+        ++length;
+        if (part == NamePart::last)
             return length;
-        const auto byte = static_cast<unsigned char>(c);
-        if (!is_digit(c) && (byte == s3_char() || byte == s4_char()))
-            return length + 1;
     }
     return length;
 }
@@ -84,79 +139,67 @@ int get_input_at_prefix_len(const char* at_cmd) {
 int vexa_strmatch(const char* inputAtBuf, const char* tableMatchStr) {
     if (inputAtBuf == nullptr || tableMatchStr == nullptr)
         return 0;
-    const std::size_t length = strlen(tableMatchStr);
-    if (get_input_at_prefix_len(inputAtBuf) != static_cast<int>(length))
-        return 0;
-    return strncasecmp(inputAtBuf, tableMatchStr, length) == 0 ? 1 : 0;
+    return LineName(inputAtBuf).is(tableMatchStr) ? 1 : 0;
 }
 
 int hijack_atcmd_to_app_platform(const char* at_buf, int buf_len) {
-    if (at_buf == nullptr || buf_len < 0)
+    if (buf_len < 0 || !is_name_in(at_buf, without_first(hijack_atcmd_talbe)))
         return 0;
-    const char* entry = find_command(hijack_atcmd_talbe, at_buf);
-    if (entry == nullptr)
-        return 0;
-    if (strcasecmp(entry, "at+gtqxdmlog") == 0)
+    if (vexa_strmatch(at_buf, "at+gtqxdmlog") == 1)
         switch_diagnostics_log(at_buf);
     return 1;
 }
 
 int forward_exc_atcmd_to_cp_too(const char* at_buf, int buf_len) {
-    if (at_buf == nullptr || buf_len < 0)
-        return 0;
-    return find_command(fwd_exc_atcmd_talbe, at_buf) != nullptr ? 1 : 0;
+    return buf_len >= 0 && is_name_in(at_buf, without_first(fwd_exc_atcmd_talbe)) ? 1 : 0;
 }
 
 int is_input_sms_atcmd(const char* at_buf, int /*buf_len*/) {
-    if (at_buf == nullptr)
-        return 0;
-    // SMS mode begins with CP's prompt, never with the command: a refused +CMGS has no prompt.
-    if (find_command(smsmode_atcmd_talbe, at_buf) != nullptr)
-        VEXA_LOG("sms atcmd:<%s>,%d,%d.\r\n", at_buf, 0, 0);
+    // The mode is entered on CP's prompt only, so a match is traced and nothing else.
+    if (is_name_in(at_buf, without_first(smsmode_atcmd_talbe)))
+        VEXA_LOG("sms atcmd, wait for the prompt.%d,%d,%d.\r\n", 0, 0, 0);
     return 0;
 }
 
 int is_input_hex_atcmd(const char* at_buf, int /*buf_len*/) {
-    return at_buf == nullptr ? 0 : stands_alone(hexmode_atcmd_talbe, at_buf);
+    return is_single_command_in(at_buf, without_first(hexmode_atcmd_talbe));
 }
 
 int is_input_cmux_cmd(const char* at_buf, int /*buf_len*/) {
-    return at_buf == nullptr ? 0 : stands_alone(cmuxmode_atcmd_talbe, at_buf);
+    return is_single_command_in(at_buf, without_first(cmuxmode_atcmd_talbe));
 }
 
 int is_input_ppp_atcmd(const char* at_buf, int /*buf_len*/) {
-    if (at_buf == nullptr || vexa_strmatch(at_buf, "atd") == 0)
-        return 0;
-    return strchr(at_buf, ';') == nullptr ? 1 : 0;
+    static constexpr std::array<const char*, 1> kDial = {"atd"};
+    return is_single_command_in(at_buf, kDial);
 }
 
 int is_input_at_finished(const char* at_buf, int buf_len) {
     if (at_buf == nullptr || buf_len <= 0)
         return 0;
-    const auto s3 = static_cast<char>(s3_char());
+    const char s3 = static_cast<char>(s3_char());
     const char last = at_buf[buf_len - 1];
     if (last == kCarriageReturn || last == s3 || last == kCtrlZ)
         return 1;
     if (buf_len >= 3 && at_buf[buf_len - 2] == s3 && last == kLineFeed)
         return 1;
-    const bool is_repeat = buf_len == 2 && (at_buf[0] == 'A' || at_buf[0] == 'a') && last == '/';
-    return is_repeat ? 1 : 0;
+    // ITU-T V.250 5.2.4: the repetition of a line needs no terminator.
+    return buf_len == 2 && is_letter(at_buf[0], 'A') && last == '/' ? 1 : 0;
 }
 
 int is_input_at_legal(const char* at_buf, int buf_len) {
-    if (at_buf == nullptr || buf_len <= 0)
+    if (at_buf == nullptr || buf_len <= 0 || !is_letter(at_buf[0], 'A'))
         return 0;
-    if (at_buf[0] != 'A' && at_buf[0] != 'a')
-        return 0;
-    if (buf_len == 1)
-        return 1;
-    return at_buf[1] == 'T' || at_buf[1] == 't' ? 1 : 0;
+    return buf_len == 1 || is_letter(at_buf[1], 'T') ? 1 : 0;
 }
 
 int is_input_combine_atcmd(const char* at_buf, int buf_len) {
-    if (at_buf == nullptr || strchr(at_buf, '+') != nullptr || buf_len < 7 || buf_len > 10)
+    constexpr int kShortest = 7;
+    constexpr int kLongest = 10;
+    const std::string_view text = text_of(at_buf);
+    if (holds(text, "+") || buf_len < kShortest || buf_len > kLongest)
         return 0;
-    return holds_any(at_buf, {"ate", "ATE", "atv", "ATV", "atq", "ATQ"}) ? 2 : 0;
+    return holds_any(text, {"ate", "ATE", "atv", "ATV", "atq", "ATQ"}) ? 2 : 0;
 }
 
 int is_input_sms_finished(const char* at_buf, int buf_len) {
@@ -175,25 +218,24 @@ int is_input_hex_finished(const char* at_buf, int buf_len) {
 }
 
 int is_enter_sms_mode(const char* at_buf, int buf_len) {
-    // CP's prompt is exactly CR LF '>' and a blank (3GPP TS 27.005 3.5.1).
-    return at_buf != nullptr && buf_len == 4 && holds(at_buf, ">") ? 1 : 0;
+    constexpr int kPromptLength = 4;  // CR LF "> " (3GPP TS 27.005 3.5.1)
+    return buf_len == kPromptLength && holds(text_of(at_buf), ">") ? 1 : 0;
 }
 
 int is_exit_sms_mode(const char* at_buf, int /*buf_len*/) {
-    return at_buf != nullptr && holds_any(at_buf, {"+CMGS:", "+CMS ERROR:", "OK"}) ? 1 : 0;
+    return holds_any(text_of(at_buf), {"+CMGS:", "+CMS ERROR:", "OK"}) ? 1 : 0;
 }
 
 int is_enter_ppp_mode(const char* at_buf, int /*buf_len*/, const char* last_at_buf) {
-    if (at_buf == nullptr || last_at_buf == nullptr || !holds(at_buf, "CONNECT"))
+    // ";" ends a voice call's number (ITU-T V.250 6.3.1): that is never a data connection.
+    if (last_at_buf == nullptr || strncasecmp(last_at_buf, "ATD", 3) != 0 ||
+        strchr(last_at_buf, ';') != nullptr)
         return 0;
-    if (strncasecmp(last_at_buf, "ATD", 3) != 0)
-        return 0;
-    // ATD<number>; is a voice call (ITU-T V.250 6.3.1): it never becomes a data connection.
-    return strchr(last_at_buf, ';') == nullptr ? 1 : 0;
+    return holds(text_of(at_buf), "CONNECT") ? 1 : 0;
 }
 
 int is_exit_ppp_mode(const char* at_buf, int /*buf_len*/) {
-    return at_buf != nullptr && holds(at_buf, "NO CARRIER") ? 1 : 0;
+    return holds(text_of(at_buf), "NO CARRIER") ? 1 : 0;
 }
 
 int is_enter_hex_mode(const char* /*at_buf*/, int /*buf_len*/) {
@@ -213,8 +255,5 @@ int is_enter_sms_mode_base_on_para(const char* /*at_buf*/, int /*buf_len*/) {
 }
 
 int is_ght_atcmd(const char* at_buf) {
-    for (const char* entry : ght_at_table)
-        if (vexa_strmatch(at_buf, entry) == 1)
-            return 1;
-    return 0;
+    return is_name_in(at_buf, ght_at_table) ? 1 : 0;
 }
