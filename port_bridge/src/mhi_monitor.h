@@ -4,24 +4,12 @@
 #include <pthread.h>
 #include <semaphore.h>
 
+#include "mhi_state.h"
+
 enum vexa_linux_tristate_e : int {
     VEXA_LINUX_TRISTATE_FALSE = 0,
     VEXA_LINUX_TRISTATE_TRUE = 1,
     VEXA_LINUX_TRISTATE_UNKNOWN = 2,
-};
-
-// R is channel 32, W channel 33, FULL both.
-enum vexa_mhi_ctrl_state_e : int {
-    VEXA_MHI_CTRL_UNKNOWN = 0,
-    VEXA_MHI_CTRL_DISCONNECTED_R = 1,
-    VEXA_MHI_CTRL_DISCONNECTED_W = 2,
-    VEXA_MHI_CTRL_DISCONNECTED_FULL = 3,
-    VEXA_MHI_CTRL_CONNECTED_R = 4,
-    VEXA_MHI_CTRL_CONNECTED_W = 5,
-    VEXA_MHI_CTRL_CONNECTED_FULL = 6,
-    VEXA_MHI_CTRL_CONFIGURED_R = 7,
-    VEXA_MHI_CTRL_CONFIGURED_W = 8,
-    VEXA_MHI_CTRL_CONFIGURED_FULL = 9,
 };
 
 extern int g_vexa_pcie_enabled;  // a tristate; 1 when the host link is PCIe

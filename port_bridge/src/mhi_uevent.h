@@ -6,7 +6,7 @@
 #include <span>
 #include <string_view>
 
-#include "mhi_monitor.h"
+#include "mhi_state.h"
 
 // The text a uevent is searched in, its NUL included; what does not fit is cut.
 inline constexpr std::size_t kUeventTextSize = 1024;

@@ -1,0 +1,16 @@
+// The state of the MHI channel pair 32/33.
+#pragma once
+
+// R is channel 32, W channel 33, FULL both.
+enum vexa_mhi_ctrl_state_e : int {
+    VEXA_MHI_CTRL_UNKNOWN = 0,
+    VEXA_MHI_CTRL_DISCONNECTED_R = 1,
+    VEXA_MHI_CTRL_DISCONNECTED_W = 2,
+    VEXA_MHI_CTRL_DISCONNECTED_FULL = 3,
+    VEXA_MHI_CTRL_CONNECTED_R = 4,
+    VEXA_MHI_CTRL_CONNECTED_W = 5,
+    VEXA_MHI_CTRL_CONNECTED_FULL = 6,
+    VEXA_MHI_CTRL_CONFIGURED_R = 7,
+    VEXA_MHI_CTRL_CONFIGURED_W = 8,
+    VEXA_MHI_CTRL_CONFIGURED_FULL = 9,
+};
