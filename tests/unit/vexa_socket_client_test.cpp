@@ -1,0 +1,384 @@
+// One message to and from the platform, over a socket pair.
+#include "vexa_socket_client.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "platform_pack.h"
+
+namespace {
+
+using namespace std::literals;
+using testing::HasSubstr;
+
+struct Pair {
+    int daemon = -1;
+    int platform = -1;
+
+    Pair() {
+        int ends[2];
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+        daemon = ends[0];
+        platform = ends[1];
+    }
+    ~Pair() {
+        close(daemon);
+        hang_up();
+    }
+    Pair(const Pair&) = delete;
+    Pair& operator=(const Pair&) = delete;
+    void hang_up() {
+        if (platform >= 0)
+            close(platform);
+        platform = -1;
+    }
+    void put(std::string_view bytes) const {
+        ASSERT_EQ(send(platform, bytes.data(), bytes.size(), MSG_NOSIGNAL),
+                  static_cast<ssize_t>(bytes.size()));
+    }
+    std::string take() const {
+        std::string bytes(kPackAreaSize, '\0');
+        const ssize_t size = recv(platform, bytes.data(), bytes.size(), MSG_DONTWAIT);
+        bytes.resize(size < 0 ? 0 : static_cast<std::size_t>(size));
+        return bytes;
+    }
+};
+
+std::string pack_of(std::string_view payload, cmd_enum_type cmd_type = CMD_AT_CMD) {
+    std::string area(payload.size() + kPackHeadsSize, '\0');
+    build_pack(area, cmd_type, payload);
+    return area;
+}
+
+struct Received {
+    int result;
+    std::string text;
+    int32_t cmd_type;
+};
+
+struct AnswerArea {
+    std::unique_ptr<char[]> bytes = std::make_unique<char[]>(kTextAreaSize);
+};
+
+Received receive(int sockfd) {
+    const AnswerArea area;
+    vexa_ext_info info{MSG_SYNC, CMD_INVALID, -7};
+    const int result = client_recv_data_from_platform(sockfd, area.bytes.get(), kDeviceReadSize,
+                                                      MSG_DONTWAIT, &info);
+    EXPECT_EQ(info.m_type, MSG_SYNC) << "not written by a receive";
+    EXPECT_EQ(info.data_len, -7) << "not written by a receive";
+    return {result, area.bytes.get(), info.cmd_type};
+}
+
+int send_message(int sockfd, std::string_view text, int mode, int flag = 0) {
+    char answer[16] = {};
+    int answer_length = 99;
+    vexa_ext_info info{MSG_SYNC, mode, static_cast<int32_t>(text.size())};
+    const int result = client_send_msg(sockfd, text.data(), static_cast<int>(text.size()), flag,
+                                       answer, &answer_length, &info);
+    EXPECT_EQ(answer_length, 0);
+    return result;
+}
+
+TEST(ClientSendMsg, AThreeByteCommandIsA47BytePack) {
+    const Pair pair;
+    EXPECT_EQ(send_message(pair.daemon, "AT\r", USB_PORT_ATCMD_MODE), 47);
+    const std::string bytes = pair.take();
+    ASSERT_EQ(bytes.size(), 47u);
+    EXPECT_EQ(bytes.substr(4, 4), "\x2f\0\0\0"s);
+    EXPECT_EQ(bytes.substr(36, 4), "\3\0\0\0"s);
+    EXPECT_EQ(bytes.substr(44), "AT\r");
+}
+
+TEST(ClientSendMsg, PppModeIsSentAsIndication) {
+    const Pair pair;
+    EXPECT_EQ(send_message(pair.daemon, "x", USB_PORT_PPP_MODE), 45);
+    EXPECT_EQ(pair.take()[20], CMD_IND);
+}
+
+TEST(ClientSendMsg, DataGoesThroughByLengthNulIncluded) {
+    const Pair pair;
+    EXPECT_EQ(send_message(pair.daemon, "a\0b"sv, USB_PORT_DATA_MODE), 47);
+    const std::string bytes = pair.take();
+    EXPECT_EQ(bytes.substr(44), "a\0b"s);
+    EXPECT_EQ(bytes[20], CMD_AT_DATA);
+}
+
+TEST(ClientSendMsg, BadArgumentsAreRefused) {
+    const Pair pair;
+    char answer[4] = {};
+    int length = 7;
+    vexa_ext_info info{};
+    EXPECT_EQ(client_send_msg(pair.daemon, "AT", 0, 0, answer, &length, &info), -1);
+    EXPECT_EQ(client_send_msg(pair.daemon, nullptr, 2, 0, answer, &length, &info), -1);
+    EXPECT_EQ(client_send_msg(pair.daemon, "AT", 2, 0, nullptr, &length, &info), -1);
+    EXPECT_EQ(client_send_msg(-1, "AT", 2, 0, answer, &length, &info), -1);
+    EXPECT_EQ(client_send_msg(pair.daemon, "AT", 2, 0, answer, nullptr, &info), -1);
+    EXPECT_EQ(client_send_msg(pair.daemon, "AT", 2, 0, answer, &length, nullptr), -1);
+    EXPECT_EQ(length, 7) << "outputs are untouched on bad arguments";
+    EXPECT_EQ(pair.take(), "");
+}
+
+TEST(ClientSendMsg, APlatformThatDiedIsAFailedSendAndNoSignal) {
+    Pair pair;
+    pair.hang_up();
+    testing::internal::CaptureStdout();
+    EXPECT_LT(send_message(pair.daemon, "AT\r", USB_PORT_ATCMD_MODE), 0);
+    EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("send data failed,fd:"));
+}
+
+TEST(ClientSendMsgDeathTest, APayloadOverTheAreaStopsTheProcess) {
+    const Pair pair;
+    const std::string largest(kSentPayloadMax + 1, 'x');
+    EXPECT_DEATH(send_message(pair.daemon, largest, USB_PORT_ATCMD_MODE), "131029 bytes");
+}
+
+TEST(ClientSendMsg, TheLargestPayloadFits) {
+    const Pair pair;
+    const std::string largest(kSentPayloadMax, 'x');
+    EXPECT_EQ(send_message(pair.daemon, largest, USB_PORT_ATCMD_MODE, MSG_DONTWAIT), 131072);
+}
+
+TEST(ClientReceive, TwoPacksInOneReadAreOneAnswer) {
+    const Pair pair;
+    pair.put(pack_of("OK", CMD_AT_CMD) + pack_of("\r\n", CMD_AT_DATA));
+    const Received received = receive(pair.daemon);
+    EXPECT_EQ(received.result, 4);
+    EXPECT_EQ(received.text, "OK\r\n");
+    EXPECT_EQ(received.cmd_type, CMD_AT_DATA) << "the last pack wins";
+}
+
+TEST(ClientReceive, AWrongMagicLeavesTheBufferAsItWas) {
+    const Pair pair;
+    pair.put("kcaq" + pack_of("OK").substr(4));
+    testing::internal::CaptureStdout();
+    char area[kTextAreaSize] = "before";
+    vexa_ext_info info{MSG_SYNC, CMD_INVALID, 0};
+    EXPECT_EQ(
+        client_recv_data_from_platform(pair.daemon, area, kDeviceReadSize, MSG_DONTWAIT, &info), 0);
+    EXPECT_STREQ(area, "before");
+    EXPECT_EQ(info.cmd_type, CMD_INVALID);
+    EXPECT_THAT(testing::internal::GetCapturedStdout(),
+                HasSubstr("!!!!recv data pack head error.!!!!\n"));
+}
+
+TEST(ClientReceive, BadHeadsReadAsNothingAndTheNextMessageIsServed) {
+    std::string short_length = pack_of("OK");
+    short_length[4] = 43;
+    std::string long_length = pack_of("OK");
+    long_length[4] = 47;
+    std::string huge_length = pack_of("OK");
+    huge_length[7] = '\x7f';
+    const struct {
+        std::string bytes;
+        const char* why;
+    } rows[] = {
+        {"k", "one byte"},
+        {short_length, "length below the heads"},
+        {long_length, "payload not wholly received"},
+        {huge_length, "a length of junk does not stop the process"},
+        {pack_of("OK") + "kcap", "a good pack and a short tail: its answer is not reported"},
+        {pack_of("OK") + pack_of("x").substr(1), "a good pack and a wrong magic"},
+        {std::string(500, '\0'), "zeros do not loop"},
+    };
+    const Pair pair;
+    for (const auto& row : rows) {
+        pair.put(row.bytes);
+        EXPECT_EQ(receive(pair.daemon).result, 0) << row.why;
+        pair.put(pack_of("\r\nOK\r\n"));
+        const Received next = receive(pair.daemon);
+        EXPECT_EQ(next.result, 6) << row.why;
+        EXPECT_EQ(next.text, "\r\nOK\r\n") << row.why;
+    }
+}
+
+TEST(ClientReceive, APayloadEndsAsTextAtItsNulAndTheTotalCountsAll) {
+    const Pair pair;
+    pair.put(pack_of("A\0B"sv) + pack_of("CD"));
+    const Received received = receive(pair.daemon);
+    EXPECT_EQ(received.result, 5);
+    EXPECT_EQ(received.text, "ACD");
+}
+
+TEST(ClientReceive, AnyMessageHeadIsAccepted) {
+    const Pair pair;
+    std::string bytes = pack_of("OK");
+    assemble_msghead(bytes, {0xFFFFFFFF, MSG_IND, 1});
+    vexa_sock_head_t head = disassemble_sockhead(bytes);
+    head.data_start = 1;
+    head.data_complete = 1;
+    head.error_code = -1;
+    head.content_len = 12345;
+    assemble_sockhead(bytes, head);
+    pair.put(bytes);
+    EXPECT_EQ(receive(pair.daemon).text, "OK");
+}
+
+TEST(ClientReceive, WhatCameIsDumpedToStandardOutput) {
+    const Pair pair;
+    pair.put("abc");
+    testing::internal::CaptureStdout();
+    receive(pair.daemon);
+    EXPECT_THAT(testing::internal::GetCapturedStdout(),
+                HasSubstr("\r\n======= iret:3==========>>>\r\n"
+                          "(a) (b) (c) \r\n<<<=================\r\n"));
+}
+
+TEST(ClientReceive, ErrorsAndTheEndReadAsNothing) {
+    Pair pair;
+    EXPECT_EQ(receive(pair.daemon).result, 0) << "nothing there";
+    pair.hang_up();
+    EXPECT_EQ(receive(pair.daemon).result, 0) << "end of stream";
+}
+
+TEST(ClientReceive, BadArgumentsAreRefused) {
+    const Pair pair;
+    char area[kTextAreaSize] = {};
+    vexa_ext_info info{};
+    EXPECT_EQ(client_recv_data_from_platform(pair.daemon, nullptr, 9, 0, &info), -1);
+    EXPECT_EQ(client_recv_data_from_platform(-1, area, 9, 0, &info), -1);
+    EXPECT_EQ(client_recv_data_from_platform(pair.daemon, area, 0, 0, &info), -1);
+    EXPECT_EQ(client_recv_data_from_platform(pair.daemon, area, 9, -1, &info), -1);
+}
+
+TEST(ClientReceive, AnAnswerThatFillsItsAreaIsTaken) {
+    const Pair pair;
+    const std::string quarter(4096, 'x');
+    pair.put(pack_of(quarter) + pack_of(quarter) + pack_of(quarter) + pack_of(quarter));
+    const Received received = receive(pair.daemon);
+    EXPECT_EQ(received.result, kDeviceReadSize);
+    EXPECT_EQ(received.text.size(), static_cast<std::size_t>(kDeviceReadSize));
+}
+
+TEST(ClientReceiveDeathTest, AnAnswerOverItsAreaStopsTheProcess) {
+    const Pair pair;
+    const std::string quarter(4096, 'x');
+    pair.put(pack_of(quarter) + pack_of(quarter) + pack_of(quarter) + pack_of(quarter) +
+             pack_of("x"));
+    EXPECT_DEATH(receive(pair.daemon), "16385 bytes would overrun its 16384");
+}
+
+TEST(ClientReceiveDeathTest, NulsCountTowardsTheArea) {
+    const Pair pair;
+    const std::string nuls(4096, '\0');
+    pair.put(pack_of(nuls) + pack_of(nuls) + pack_of(nuls) + pack_of(nuls) + pack_of("x"));
+    EXPECT_DEATH(receive(pair.daemon), "16385 bytes would overrun its 16384");
+}
+
+TEST(ClientReceiveDeathTest, AWholePackWithAPayloadOver4096StopsTheProcess) {
+    const Pair pair;
+    pair.put(pack_of(std::string(4097, 'x')));
+    EXPECT_DEATH(receive(pair.daemon), "4097 bytes would overrun its 4096");
+}
+
+TEST(ClientReceive, RandomPacksInRandomGroups) {
+    std::mt19937 random(1109);
+    const Pair pair;
+    for (int round = 0; round < 60; ++round) {
+        std::string bytes;
+        std::string expected;
+        const std::size_t packs = 1 + random() % 4;
+        for (std::size_t index = 0; index < packs; ++index) {
+            std::string payload(random() % 1500, '\0');
+            for (char& byte : payload) byte = static_cast<char>(1 + random() % 255);
+            bytes += pack_of(payload);
+            expected += payload;
+        }
+        pair.put(bytes);
+        const Received received = receive(pair.daemon);
+        EXPECT_EQ(received.result, static_cast<int>(expected.size()));
+        EXPECT_EQ(received.text, expected);
+    }
+}
+
+// A cut makes two bad heads of one pack; nothing is written past an area and the pack after it
+// is served.
+TEST(ClientReceive, ACutAnywhereIsTwoBadHeads) {
+    const Pair pair;
+    const std::string bytes = pack_of("\r\nOK\r\n");
+    for (std::size_t cut = 1; cut < bytes.size(); ++cut) {
+        for (const std::string& part : {bytes.substr(0, cut), bytes.substr(cut)}) {
+            pair.put(part);
+            ASSERT_EQ(receive(pair.daemon).result, 0) << cut;
+        }
+    }
+    pair.put(bytes);
+    EXPECT_EQ(receive(pair.daemon).text, "\r\nOK\r\n");
+}
+
+TEST(RecvWithTimeout, ZeroSecondsAndNothingWaitingIsATimeOut) {
+    const Pair pair;
+    char area[8];
+    EXPECT_EQ(recv_with_timeout(pair.daemon, area, sizeof area, 0, 0), -5);
+}
+
+TEST(RecvWithTimeout, TakesWhatWaitsAndLeavesTheSocketBlocking) {
+    const Pair pair;
+    fcntl(pair.daemon, F_SETFL, O_NONBLOCK);
+    pair.put("abcdefghijkl");
+    char area[8];
+    EXPECT_EQ(recv_with_timeout(pair.daemon, area, sizeof area, 0, 60), 8);
+    EXPECT_EQ(std::string_view(area, 8), "abcdefgh");
+    EXPECT_EQ(fcntl(pair.daemon, F_GETFL) & O_NONBLOCK, 0);
+}
+
+TEST(RecvWithTimeout, TheEndIsReturnedAsItIs) {
+    Pair pair;
+    pair.hang_up();
+    char area[8];
+    EXPECT_EQ(recv_with_timeout(pair.daemon, area, sizeof area, 0, 60), 0);
+}
+
+TEST(RecvWithTimeout, ABadDescriptorIsAFailure) {
+    char area[8];
+    EXPECT_EQ(recv_with_timeout(-1, area, sizeof area, 0, 0), -5);
+}
+
+TEST(ClientReportPortName, SendsTheReport) {
+    const Pair pair;
+    EXPECT_EQ(client_report_port_name(pair.daemon, PORT_UART), 48);
+    const auto expected = build_port_report(PORT_UART);
+    EXPECT_EQ(pair.take(), std::string(expected.data(), expected.size()));
+}
+
+TEST(ClientReportPortName, BadArgumentsAreRefused) {
+    const Pair pair;
+    EXPECT_EQ(client_report_port_name(-1, PORT_AT0), -1);
+    EXPECT_EQ(client_report_port_name(pair.daemon, PORT_INVALID), -1);
+    EXPECT_EQ(pair.take(), "");
+}
+
+TEST(ReconnectAppPlatform, ClosesTheOldAndFailsWithoutAPlatform) {
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    EXPECT_EQ(reconnect_app_platform(ends[0]), -3);
+    char byte;
+    EXPECT_EQ(recv(ends[1], &byte, 1, 0), 0) << "the old connection was closed";
+    close(ends[1]);
+}
+
+TEST(ResetGlocalClientSockfd, TakesOverOnlyAnOpenDescriptor) {
+    int slot = 5;
+    g_reconn_client_sockfd = -1;
+    reset_glocal_client_sockfd(&slot);
+    EXPECT_EQ(slot, 5);
+    g_reconn_client_sockfd = 0;
+    reset_glocal_client_sockfd(&slot);
+    EXPECT_EQ(slot, 5);
+    g_reconn_client_sockfd = 12;
+    reset_glocal_client_sockfd(nullptr);
+    reset_glocal_client_sockfd(&slot);
+    EXPECT_EQ(slot, 12);
+    g_reconn_client_sockfd = -1;
+}
+
+}  // namespace
