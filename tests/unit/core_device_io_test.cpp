@@ -1,0 +1,262 @@
+// Writing to devices, closing them, and the signal text.
+#include "device_io.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "descriptors.h"
+#include "shared_int.h"
+#include "vexa_common_def.h"
+
+namespace {
+
+// While one lives, the pauses of this thread are recorded and handed to `instead`, not slept.
+struct RecordedSleeps {
+    explicit RecordedSleeps(std::function<void()> what) : instead(std::move(what)) {
+        t_current = this;
+    }
+    ~RecordedSleeps() { t_current = nullptr; }
+    RecordedSleeps(const RecordedSleeps&) = delete;
+    RecordedSleeps& operator=(const RecordedSleeps&) = delete;
+
+    std::function<void()> instead;
+    std::vector<unsigned> seconds;
+    static thread_local RecordedSleeps* t_current;
+};
+thread_local RecordedSleeps* RecordedSleeps::t_current = nullptr;
+
+}  // namespace
+
+// Takes the place of the C library's for the whole program; every other caller sleeps as usual.
+extern "C" unsigned sleep(unsigned seconds) {
+    RecordedSleeps* recorded = RecordedSleeps::t_current;
+    if (recorded == nullptr) {
+        timespec left = {static_cast<time_t>(seconds), 0};
+        return nanosleep(&left, &left) == 0 ? 0 : static_cast<unsigned>(left.tv_sec) + 1;
+    }
+    recorded->seconds.push_back(seconds);
+    recorded->instead();
+    return 0;
+}
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+struct SignalRow {
+    int bits;
+    const char* text;
+};
+
+TEST(SignalText, NamesTheFourLinesAndLeavesTheRest) {
+    const SignalRow rows[] = {
+        {0x47, "0x1 | DTR | CD | RTS"},
+        {0x00, "0x0"},
+        {0x02, "0x0 | DTR"},
+        {0x04, "0x0 | RTS"},
+        {0x40, "0x0 | CD"},
+        {0x80, "0x0 | RI"},
+        {0xC6, "0x0 | DTR | CD | RI | RTS"},  // RTS last, although its bit is lower
+        {0x129, "0x129"},                     // no named bit
+        {0x1FF, "0x139 | DTR | CD | RI | RTS"},
+    };
+    for (const SignalRow& row : rows) {
+        char text[64];
+        construct_signal_string(text, sizeof(text), row.bits);
+        EXPECT_STREQ(text, row.text);
+    }
+}
+
+TEST(SignalText, IsCutToItsArea) {
+    char text[8] = "zzzzzzz";
+    construct_signal_string(text, 6, 0x02);
+    EXPECT_STREQ(text, "0x0 |");
+    EXPECT_EQ(text[6], 'z');
+}
+
+class WriteToDevice : public testing::Test {
+  protected:
+    void SetUp() override {
+        ASSERT_EQ(pipe2(ends_, O_CLOEXEC | O_NONBLOCK), 0);
+        testing::internal::CaptureStdout();
+    }
+    void TearDown() override {
+        if (!output_taken_)
+            output();
+        close(ends_[0]);
+        if (ends_[1] >= 0)
+            close(ends_[1]);
+    }
+
+    std::string output() {
+        output_taken_ = true;
+        return testing::internal::GetCapturedStdout();
+    }
+    // Fills the pipe, so that the next write is refused with EAGAIN.
+    void fill() const {
+        const std::vector<char> block(4096, 'x');
+        while (write(ends_[1], block.data(), block.size()) > 0) {
+        }
+    }
+    std::string drain() const {
+        std::string all;
+        char buffer[4096];
+        ssize_t count = 0;
+        while ((count = read(ends_[0], buffer, sizeof(buffer))) > 0)
+            all.append(buffer, static_cast<std::size_t>(count));
+        return all;
+    }
+
+    int ends_[2] = {-1, -1};
+    bool output_taken_ = false;
+};
+
+TEST_F(WriteToDevice, WritesTheWholeBuffer) {
+    EXPECT_EQ(write_to_device(ends_[1], "/dev/smd7", 9, "AT+CGMR\r\n"), 0);
+    EXPECT_EQ(drain(), "AT+CGMR\r\n");
+    const std::string said = output();
+    const std::string fd = std::to_string(ends_[1]);
+    EXPECT_THAT(said, HasSubstr("to_filename:/dev/smd7, to_fd:" + fd + ".\r\n"));
+    EXPECT_THAT(said, HasSubstr("====>>>bytes_remaining :9,0,0. \r\n"));
+    EXPECT_THAT(said,
+                HasSubstr("====>>>num_written :9, to_fd:" + fd + ", bytes_remaining:9. \r\n"));
+    EXPECT_THAT(said, HasSubstr("write to '/dev/smd7' returned 9, bytes_remaining: 0.\n"));
+    EXPECT_THAT(said, HasSubstr("<<<====write_to_device out.num_written:9,ret:0,0.\r\n"));
+}
+
+TEST_F(WriteToDevice, NoBytesAreASuccessWithoutAWrite) {
+    EXPECT_EQ(write_to_device(ends_[1], "/dev/smd7", 0, "x"), 0);
+    EXPECT_EQ(drain(), "");
+    EXPECT_THAT(output(), testing::Not(HasSubstr("num_written :")));
+}
+
+TEST_F(WriteToDevice, ClosedDescriptorFailsAtOnce) {
+    EXPECT_EQ(write_to_device(-1, "/dev/smd7", 2, "AT"), -1);
+    EXPECT_THAT(output(), HasSubstr("====>>>to_fd=in. to_fd:-1,0,0. \r\n"));
+}
+
+TEST_F(WriteToDevice, OtherErrorsFailWithoutARetry) {
+    RecordedSleeps sleeps([] {});
+    EXPECT_EQ(write_to_device(ends_[0], "/dev/smd7", 2, "AT"), -1) << "a read end refuses writes";
+    EXPECT_TRUE(sleeps.seconds.empty());
+    EXPECT_THAT(output(), HasSubstr("Failed to write to '/dev/smd7' due to err [Bad file "
+                                    "descriptor]\n"));
+}
+
+TEST_F(WriteToDevice, DiagnosticSinkKeepsOnlyThePlainLines) {
+    store_shared(g_qxdm_log, 1);
+    EXPECT_EQ(write_to_device(ends_[1], "/dev/smd7", 2, "AT"), 0);
+    store_shared(g_qxdm_log, 0);
+    EXPECT_EQ(output(), "====>>>num_written :2, to_fd:" + std::to_string(ends_[1]) +
+                            ", bytes_remaining:2. \r\n");
+}
+
+TEST_F(WriteToDevice, SixRefusalsInARowAreAFailureAfterFivePauses) {
+    fill();
+    RecordedSleeps sleeps([] {});
+    EXPECT_EQ(write_to_device(ends_[1], "/dev/smd7", 2, "AT"), -1);
+    EXPECT_THAT(sleeps.seconds, ElementsAre(1, 2, 3, 4, 5));
+    const std::string said = output();
+    const std::string fd = std::to_string(ends_[1]);
+    EXPECT_THAT(said, HasSubstr("retrying now... Failed to write to '/dev/smd7'[" + fd +
+                                "] due to err [Resource temporarily unavailable] or num_written "
+                                "[-1], retry_count:4.\n"));
+    EXPECT_THAT(said, HasSubstr("\nFailed to write to '/dev/smd7' due to err [Resource temporarily "
+                                "unavailable]\n"));
+}
+
+TEST_F(WriteToDevice, FiveRefusalsThenSuccessLoseNothing) {
+    fill();
+    int pauses = 0;
+    RecordedSleeps sleeps([&] {
+        if (++pauses == 5)
+            drain();
+    });
+    EXPECT_EQ(write_to_device(ends_[1], "/dev/smd7", 2, "AT"), 0);
+    EXPECT_THAT(sleeps.seconds, ElementsAre(1, 2, 3, 4, 5));
+    EXPECT_EQ(drain(), "AT");
+}
+
+TEST_F(WriteToDevice, EveryWrittenByteStartsTheRetriesAnew) {
+    // Room for a part at a time: the long text needs several rounds of refusals.
+    const std::string text(200000, 'y');
+    std::string received;
+    RecordedSleeps sleeps([&] { received += drain(); });
+    EXPECT_EQ(write_to_device(ends_[1], "/dev/smd7", static_cast<int>(text.size()), text.c_str()),
+              0);
+    received += drain();
+    EXPECT_EQ(received, text);
+    EXPECT_GE(sleeps.seconds.size(), 2u);
+    for (const unsigned seconds : sleeps.seconds) EXPECT_EQ(seconds, 1u);
+}
+
+TEST(CloseFdMutexed, ClosesStoresMinusOneAndSaysSo) {
+    mdm_fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+    ASSERT_GE(mdm_fd, 0);
+    const int fd = mdm_fd;
+    testing::internal::CaptureStdout();
+    close_fd_mutexed("/dev/at_mdm0", &mdm_fd, &mdm_mutex);
+    const std::string said = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(mdm_fd, -1);
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+    EXPECT_THAT(said, HasSubstr("close_fd_mutexed file_path enter:/dev/at_mdm0, fd:" +
+                                std::to_string(fd) + ".0\r\n"));
+    EXPECT_THAT(said, HasSubstr("\nclose_fd_Mutexed file_path close:/dev/at_mdm0, fd:-1.\r\n"));
+    EXPECT_THAT(said, HasSubstr("close_fd_mutexed file_path close:/dev/at_mdm0, fd:-1.0.\r\n"));
+    EXPECT_EQ(pthread_mutex_trylock(&mdm_mutex), 0) << "the mutex is free again";
+    pthread_mutex_unlock(&mdm_mutex);
+}
+
+// A mutex whose second lock by the same thread fails instead of waiting.
+void make_checking(pthread_mutex_t& mutex) {
+    pthread_mutexattr_t attributes;
+    pthread_mutexattr_init(&attributes);
+    pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_ERRORCHECK);
+    pthread_mutex_init(&mutex, &attributes);
+    pthread_mutexattr_destroy(&attributes);
+}
+
+TEST(CloseFdMutexedDeathTest, FailingLockEndsTheProcessWithStatus1) {
+    pthread_mutex_t mutex;
+    make_checking(mutex);
+    int fd = -1;
+    EXPECT_EXIT(
+        {
+            dup2(STDERR_FILENO, STDOUT_FILENO);
+            pthread_mutex_lock(&mutex);
+            close_fd_mutexed("/dev/smd7", &fd, &mutex);
+        },
+        testing::ExitedWithCode(1),
+        "pthread_mutex_lock for '/dev/smd7' returned [0-9]+.  Exiting!.0.");
+    pthread_mutex_destroy(&mutex);
+}
+
+TEST(OsMutex, FailingLockIsOnlyReported) {
+    pthread_mutex_t mutex;
+    make_checking(mutex);
+    EXPECT_EQ(vexa_os_mutex_lock(&mutex), 1);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(vexa_os_mutex_lock(&mutex), 0);
+    EXPECT_THAT(
+        testing::internal::GetCapturedStdout(),
+        HasSubstr("Error while trying to lock mutex: " + std::to_string(EDEADLK) + ",0,0\r\n"));
+    pthread_mutex_unlock(&mutex);
+    pthread_mutex_destroy(&mutex);
+    EXPECT_EQ(vexa_os_mutex_init(&mutex), 0);
+    EXPECT_EQ(vexa_os_mutex_lock(&mutex), 1);
+    pthread_mutex_unlock(&mutex);
+    pthread_mutex_destroy(&mutex);
+}
+
+}  // namespace

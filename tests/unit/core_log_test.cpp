@@ -1,0 +1,125 @@
+// The log facility: both sinks, and the stand-in behind the diagnostic one.
+#include "log.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "shared_int.h"
+#include "start_trace.h"
+#include "vexa_common_def.h"
+
+namespace {
+
+using testing::HasSubstr;
+using testing::MatchesRegex;
+
+std::string g_diag_path;
+
+// The stand-in opens its file at its first use, so the name is set before the first test.
+class DiagFile : public testing::Environment {
+  public:
+    void SetUp() override {
+        char path[] = "/tmp/vexa_diag_XXXXXX";
+        const int fd = mkstemp(path);
+        if (fd >= 0)
+            close(fd);
+        setenv("VEXA_DIAG_LOG", path, 1);
+        g_diag_path = path;
+    }
+    void TearDown() override { unlink(g_diag_path.c_str()); }
+};
+const auto* const g_diag_file = testing::AddGlobalTestEnvironment(new DiagFile);
+
+std::string diag_text() {
+    std::ifstream file(g_diag_path);
+    std::stringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+class LogTest : public testing::Test {
+  protected:
+    void TearDown() override { store_shared(g_qxdm_log, 0); }
+
+    static std::string logged_with(int sink) {
+        store_shared(g_qxdm_log, sink);
+        testing::internal::CaptureStdout();
+        VEXA_LOG("%s enter. 201909191715.%d.%d.\r\n", "main", 0, 0);
+        return testing::internal::GetCapturedStdout();
+    }
+};
+
+TEST_F(LogTest, EntryLineIsStampFunctionLineAndMessage) {
+    EXPECT_THAT(logged_with(0),
+                MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} "
+                             "logged_with\\([0-9]+\\):main enter. 201909191715.0.0.\r\n"));
+}
+
+TEST_F(LogTest, OnlyExactlyOneChoosesTheDiagnosticChannel) {
+    for (const int sink : {0, 2, -1, 11})
+        EXPECT_THAT(logged_with(sink), HasSubstr("main enter.")) << sink;
+    EXPECT_EQ(logged_with(1), "");
+}
+
+TEST_F(LogTest, DiagnosticMessageStartsWithTheFunctionName) {
+    const std::size_t before = diag_text().size();
+    logged_with(1);
+    EXPECT_THAT(diag_text().substr(before),
+                MatchesRegex("core_log_test.cpp:[0-9]+ logged_with\\(\\): main enter. "
+                             "201909191715.0.0.\n"));
+}
+
+TEST_F(LogTest, DiagnosticChannelCarriesAtMostThreeArguments) {
+    const std::size_t before = diag_text().size();
+    store_shared(g_qxdm_log, 1);
+    VEXA_LOG("%d %s %d|%s", 1, "two", 3, "four");
+    EXPECT_THAT(diag_text().substr(before), MatchesRegex(".*\\(\\): 1 two 3\\|\n"));
+}
+
+TEST_F(LogTest, DiagnosticFormatIsCutAtTheFirstConversionWithoutArgument) {
+    constexpr auto kWhole = diag_format("%s(): 100%% %d %d %d.");
+    EXPECT_STREQ(kWhole.data(), "%s(): 100%% %d %d %d.");
+    constexpr auto kCut = diag_format("%s(): %d %d %d %d.");
+    EXPECT_STREQ(kCut.data(), "%s(): %d %d %d ");
+}
+
+TEST_F(LogTest, StampFollowsTheClock) {
+    // Two messages in different seconds must not share the text kept for a second.
+    const std::string first = logged_with(0).substr(0, 19);
+    std::string later = first;
+    while (later == first) {
+        usleep(20000);
+        later = logged_with(0).substr(0, 19);
+    }
+    EXPECT_GT(later, first);
+}
+
+TEST(StartTrace, LineNamesThreadFunctionAndKind) {
+    char* text = nullptr;
+    std::size_t size = 0;
+    log_file = open_memstream(&text, &size);
+    ASSERT_NE(log_file, nullptr);
+    port_bridge_log_enabled = true;
+    START_TRACE_ERROR("Unsupported target: %s\n", "x");
+    START_TRACE_INFO("SMD transport supported!!");
+    const std::string written(text, size);
+    pb_get_log_enabled();
+    START_TRACE_INFO("not written");
+    EXPECT_EQ(written.size(), size);
+    fclose(log_file);
+    log_file = nullptr;
+    free(text);
+    EXPECT_THAT(written,
+                MatchesRegex("\\[thread 0x[0-9a-f]+\\] +TestBody, *[0-9]+ \\(ERROR\\):   "
+                             "Unsupported target: x\n\\[thread 0x[0-9a-f]+\\] +TestBody, *[0-9]+ "
+                             "\\(INFO\\):    SMD transport supported!!"));
+    EXPECT_EQ(written.find("TestBody"), written.find(']') + 2 + 30 - 8);
+}
+
+}  // namespace
