@@ -94,7 +94,7 @@ void close_fd_mutexed(const char* file_path, const volatile int* fd, pthread_mut
     }
     note_hang_up(slot);
     close(*slot);
-    *slot = -1;
+    store_shared(*slot, -1);
     wake_device_reader(slot);
     printf("close_fd_Mutexed file_path close:%s, fd:%d.\r\n", file_path, *slot);
     VEXA_LOG("close_fd_mutexed file_path close:%s, fd:%d.%d.\r\n", file_path, *slot, 0);

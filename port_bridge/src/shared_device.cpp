@@ -9,6 +9,7 @@
 #include "device_io.h"
 #include "log.h"
 #include "mutex_guard.h"
+#include "shared_int.h"
 #include "vexa_common_def.h"
 
 DeviceEnd source_of(const thread_info_t& info) {
@@ -26,7 +27,7 @@ int open_device(const char* path, int extra_flags) {
 
 void store_device(const DeviceEnd& device, int fd) {
     const MutexGuard guard(device.mutex);
-    *device.slot = fd;
+    store_shared(*device.slot, fd);  // some log lines name the number without the lock
 }
 
 int load_device(const int* slot, pthread_mutex_t* mutex) {

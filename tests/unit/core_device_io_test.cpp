@@ -1,13 +1,12 @@
 // Writing to devices, closing them, and the signal text.
 #include "device_io.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <cstdlib>
 #include <ctime>
 #include <functional>
@@ -16,6 +15,7 @@
 
 #include "descriptors.h"
 #include "shared_int.h"
+#include "udp_server.h"
 #include "vexa_common_def.h"
 
 namespace {
@@ -199,6 +199,63 @@ TEST_F(WriteToDevice, EveryWrittenByteStartsTheRetriesAnew) {
     EXPECT_EQ(received, text);
     EXPECT_GE(sleeps.seconds.size(), 2u);
     for (const unsigned seconds : sleeps.seconds) EXPECT_EQ(seconds, 1u);
+}
+
+// A UDP client that is being served: answers for the USB AT port go to it.
+class UdpDiversion : public WriteToDevice {
+  protected:
+    void SetUp() override {
+        WriteToDevice::SetUp();
+        client_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        ASSERT_EQ(bind(client_, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+        socklen_t size = sizeof(address);
+        ASSERT_EQ(getsockname(client_, reinterpret_cast<sockaddr*>(&address), &size), 0);
+        g_udp_sock_to_client_addr = address;
+        sender_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        store_shared(g_loc_udp_at_server_send_socket, sender_);
+        store_shared(g_at_over_sokcet_enable, 1);
+    }
+    void TearDown() override {
+        store_shared(g_at_over_sokcet_enable, 0);
+        store_shared(g_loc_udp_at_server_send_socket, -1);
+        close(sender_);
+        close(client_);
+        WriteToDevice::TearDown();
+    }
+
+    int client_ = -1;
+    int sender_ = -1;
+};
+
+TEST_F(UdpDiversion, TakesAtPortBytesAndReturnsTheResultOfTheSend) {
+    EXPECT_EQ(write_to_device(ends_[1], "/dev/at_usb1", 4, "OK\r\n"), 4);
+    EXPECT_EQ(drain(), "");
+    char received[16] = {};
+    ASSERT_EQ(recv(client_, received, sizeof(received) - 1, 0), 4);
+    EXPECT_STREQ(received, "OK\r\n");
+}
+
+TEST_F(UdpDiversion, ComesBeforeTheTestOfTheDescriptor) {
+    EXPECT_EQ(write_to_device(-1, "/dev/at_usb1", 2, "OK"), 2);
+}
+
+TEST_F(UdpDiversion, NameIsASubstring) {
+    EXPECT_EQ(write_to_device(-1, "/alt/dev/at_usb1_copy", 2, "OK"), 2);
+}
+
+TEST_F(UdpDiversion, LeavesEverythingElseToTheDevice) {
+    EXPECT_EQ(write_to_device(ends_[1], "/dev/at_usb0", 1, "0"), 0) << "another port";
+    store_shared(g_at_over_sokcet_enable, 0);
+    EXPECT_EQ(write_to_device(ends_[1], "/dev/at_usb1", 1, "1"), 0) << "not switched";
+    store_shared(g_at_over_sokcet_enable, 2);
+    EXPECT_EQ(write_to_device(ends_[1], "/dev/at_usb1", 1, "2"), 0) << "exactly 1 switches";
+    store_shared(g_at_over_sokcet_enable, 1);
+    store_shared(g_loc_udp_at_server_send_socket, -1);
+    EXPECT_EQ(write_to_device(ends_[1], "/dev/at_usb1", 1, "3"), 0) << "no socket to send on";
+    EXPECT_EQ(drain(), "0123");
 }
 
 TEST(CloseFdMutexed, ClosesStoresMinusOneAndSaysSo) {
