@@ -153,8 +153,10 @@ void start_multiplexer(const Input& input) {
     int direction = 0;
     proc_host_to_ue_cmux_atcmd(current_line().text(), line_length(), answer, &answer_length,
                                &direction);
-    if (load_shared(g_uart_port_status) == 1)
-        move_shared(*input.mode, USB_PORT_ATCMD_MODE, USB_PORT_CMUX_MODE);
+    if (load_shared(g_uart_port_status) == 1) {
+        // Whatever CP has just said: frames come next, and no way leads back.
+        store_shared(*input.mode, USB_PORT_CMUX_MODE);
+    }
     current_line().clear();
     send_result_to_usb_uartport(answer, static_cast<int>(strnlen(answer, sizeof answer)), 0);
 }
