@@ -33,13 +33,18 @@ run_preset() {
     fi
 }
 
-# configure PRESET: quick when the build folder stands; CMake itself notices changed lists.
+# configure PRESET ON|OFF: with the tests or without, for a machine that has no test packages yet.
+# Quick when the build folder stands; CMake itself notices changed lists.
 configure() {
-    local preset=$1
-    [ -f "$ROOT/build/$preset/build.ninja" ] && return 0
+    local preset=$1 tests=$2 folder=$ROOT/build/$1
+    if [ -f "$folder/build.ninja" ]; then
+        [ "$tests" = OFF ] && return 0
+        grep -q '^BUILD_TESTING:BOOL=ON' "$folder/CMakeCache.txt" && return 0
+    fi
     local launcher=()
     if command -v ccache >/dev/null; then
         launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
     fi
-    (cd "$ROOT" && run_preset "$preset" cmake --preset "$preset" "${launcher[@]}") >&2
+    (cd "$ROOT" && run_preset "$preset" \
+        cmake --preset "$preset" "-DBUILD_TESTING=$tests" "${launcher[@]}") >&2
 }
