@@ -41,7 +41,7 @@ std::optional<Layout> layout_of(std::string_view bytes) {
         return layout;
     if (bytes.size() < 5)
         return std::nullopt;
-    return Layout{4, layout.information + byte_at(bytes, 4) * 128U};
+    return Layout{4, layout.information + std::size_t{128} * byte_at(bytes, 4)};
 }
 
 MuxItem parse(std::string_view raw, const Layout& layout) {

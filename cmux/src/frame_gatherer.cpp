@@ -99,7 +99,7 @@ std::size_t FrameGatherer::announced_length() const {
     // Two length bytes (5.2.1.5): gathered to its end, so that it is refused as one frame.
     if (length_ == kMuxHeadLength)
         return kMuxMinFrame + 1;
-    const std::size_t whole = kMuxMinFrame + 1 + information + byte(4) * 128U;
+    const std::size_t whole = kMuxMinFrame + 1 + information + std::size_t{128} * byte(4);
     return whole <= kLongestFrame ? whole : 0;
 }
 

@@ -16,7 +16,9 @@ namespace {
 
 constexpr char kRefused[] = "\r\n!!!!!MUX data error!!!!!.\r\n";
 
-FrameGatherer g_gatherer;  // the UART host reader's thread only
+// Both are the UART host reader's thread's only.
+FrameGatherer g_gatherer;
+bool g_is_first_chunk = true;
 
 int64_t monotonic_ms() {
     timespec now{};
@@ -55,10 +57,18 @@ void handle_piece(std::string_view piece) {
         send_payload({response, static_cast<std::size_t>(length)});
 }
 
+// "AT+CMUX=0" may end with S3 and LF, and the LF come in a read of its own: it ends that line.
+void drop_line_end(std::string_view& input) {
+    if (g_is_first_chunk && input.starts_with('\n'))
+        input.remove_prefix(1);
+    g_is_first_chunk = false;
+}
+
 }  // namespace
 
 int handle_mux_input(const char* buf, int num_read) {
     std::string_view input(buf, num_read > 0 ? static_cast<std::size_t>(num_read) : 0);
+    drop_line_end(input);
     const int64_t now = monotonic_ms();
     while (const auto piece = g_gatherer.next(input, now)) handle_piece(*piece);
     g_gatherer.quiet_from(monotonic_ms());
