@@ -126,14 +126,14 @@ class MuxInput : public testing::Test {
 
 TEST_F(MuxInput, WholeSessionWithEveryCut) {
     const std::string frames = kSetUp + uih('\x0B', "AT+CFUN?\r") + uih('\x13', "ATD*99#\r") +
-                               uih('\x0B', "plain data") + uih('\x07', "at+cereg?\r");
+                               uih('\x0B', "plain bytes") + uih('\x07', "at+x?\r");
     for (const std::size_t cut : {1U, 2U, 3U, 7U, 100'000U}) {
         SetUp();
         give("AT+CMUX=0\r", cut);
         give(frames, cut);
         EXPECT_EQ(uart_.take(), "\r\nOK\r\n" + kSetUpAnswers) << cut;
-        EXPECT_EQ(uart_channel_.take(), "AT+CFUN?\rat+cereg?\r") << cut;
-        EXPECT_EQ(modem_channel_.take(), "ATD*99#\rplain data") << cut;
+        EXPECT_EQ(uart_channel_.take(), "AT+CFUN?\rat+x?\r") << cut;
+        EXPECT_EQ(modem_channel_.take(), "ATD*99#\rplain bytes") << cut;
         EXPECT_EQ(load_shared(g_mux_atcmd_dlc), 0x07) << cut;
         EXPECT_EQ(load_shared(g_mux_ppp_dlc), 0x13) << cut;
     }
