@@ -440,10 +440,12 @@ TEST_F(Receiver, BadHeadsReachNoHostAndTheNextAnswerDoes) {
     for (const std::string& bad :
          {"junk"s, good.substr(0, 43), good.substr(0, 47), std::string(100, '\0'), good + "kcap"}) {
         platform_sends(kAtPort, bad);
-        // A marker only after the receiver took the bad bytes, or both would be one read.
+        // The receiver has these bytes before the next ones come, or both would be one read: its
+        // queue is empty, and it has gone on to another port.
         int queued = 1;
         for (const auto limit = Clock::now() + kDeadline; queued > 0 && Clock::now() < limit;)
             ioctl(ends_[kAtPort].connection[0], FIONREAD, &queued);
+        expect_answer(kModemPort, "next port", "next port");
         expect_answer(kAtPort, "good", "good");
     }
 }
