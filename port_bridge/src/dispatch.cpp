@@ -64,10 +64,11 @@ void wait_for_answer(const Command& command, int seconds) {
     pthread_cond_timedwait(command.cond, command.mutex, &deadline);
 }
 
-int write_line_to_cp(const Command& command) {
+// `used_fd` is the number written to, for a message: it may be another file's by then.
+int write_line_to_cp(const Command& command, int& used_fd) {
     const MutexGuard guard(command.tinfo->to_mutex);
-    return write_to_device(*command.tinfo->to_fd, command.tinfo->to_file_path, command.length,
-                           command.text);
+    used_fd = *command.tinfo->to_fd;
+    return write_to_device(used_fd, command.tinfo->to_file_path, command.length, command.text);
 }
 
 void close_cp(const thread_info_t& tinfo) {
@@ -101,11 +102,11 @@ void count_answer(const thread_info_t& tinfo, int64_t elapsed_ns) {
 }
 
 int send_to_cp(const Command& command) {
-    const int written = write_line_to_cp(command);
+    int used_fd = -1;
+    const int written = write_line_to_cp(command, used_fd);
     keep_last_line(command);
     if (written < 0) {
-        VEXA_LOG("send_atcmd_to_cp close_fd_mutexed 1 '%d'...%d.%d.\n", *command.tinfo->to_fd, 0,
-                 0);
+        VEXA_LOG("send_atcmd_to_cp close_fd_mutexed 1 '%d'...%d.%d.\n", used_fd, 0, 0);
         close_cp(*command.tinfo);
         return kWriteFailed;
     }
@@ -121,7 +122,8 @@ int send_to_cp(const Command& command) {
 
 // Echo, verbosity and S-registers are kept on both sides: CP is told at once and not waited for.
 void forward_to_cp_too(const Command& command) {
-    if (write_line_to_cp(command) < 0) {
+    int used_fd = -1;
+    if (write_line_to_cp(command, used_fd) < 0) {
         close_cp(*command.tinfo);
         VEXA_LOG("write_to_device forward_exc_atcmd_to_cp_too failed. %d.%d.%d.\n", 0, 0, 0);
         return;

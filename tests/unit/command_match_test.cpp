@@ -41,24 +41,6 @@ TEST_F(CommandMatch, EveryPlatformCommandInBothCases) {
     }
 }
 
-TEST_F(CommandMatch, TheTablesStandInTheirOrder) {
-    struct {
-        std::size_t place;
-        const char* name;
-    } const rows[] = {
-        {0, "vexa_first_at"}, {1, "at+tpin"},      {13, "AT+CGMR"},
-        {30, "at+cgreg"},     {32, "at+cgreg"},    {44, "at+gtqxdmlog"},
-        {78, "ats0"},         {108, "AT+GTMODEL"}, {109, "vexa_end_at"},
-    };
-    // Places from zero, the marker included; at+cgreg stands twice.
-    for (const auto& row : rows)
-        EXPECT_STRCASEEQ(hijack_atcmd_talbe[row.place], row.name) << row.place;
-    EXPECT_STREQ(fwd_exc_atcmd_talbe[1], "ate");
-    EXPECT_STREQ(fwd_exc_atcmd_talbe[9], "at+cmee");
-    EXPECT_STREQ(ght_at_table.front(), "AT+GTDNS");
-    EXPECT_STREQ(ght_at_table.back(), "AT+ESIM");
-}
-
 TEST_F(CommandMatch, OnlyNineGoToCpToo) {
     std::set<std::string> both;
     for (std::size_t i = 1; i + 1 < hijack_atcmd_talbe.size(); ++i)
@@ -119,6 +101,23 @@ TEST_F(CommandMatch, AChangedS3OrS4EndsANameAndBelongsToIt) {
     EXPECT_EQ(hijack("at+csq#"), 0);
     g_ats4_line_feed_char = '!';
     EXPECT_EQ(get_input_at_prefix_len("at+csq!"), 7);
+}
+
+TEST_F(CommandMatch, S3MovesInTheMiddleOfTheWalk) {
+    // The first comparison sets S3 to "T"; from the second on the name is "AT".
+    EXPECT_EQ(hijack("ATS3=84\r"), 0);
+    EXPECT_EQ(s3_char(), 'T');
+    // A value that no name holds leaves the walk alone.
+    g_ats3_carriage_return_char = 13;
+    EXPECT_EQ(hijack("ATS3=35\r"), 1);
+    EXPECT_EQ(s3_char(), '#');
+}
+
+TEST_F(CommandMatch, AnS3ValueOfFourDigitsEndsTheNameBeforeTheRegister) {
+    EXPECT_EQ(get_input_at_prefix_len("ATS3=1234\r"), 3);
+    EXPECT_EQ(hijack("ATS3=1234\r"), 0);
+    EXPECT_EQ(hijack("ATS3=200\r"), 1);
+    EXPECT_EQ(s3_char(), 13);
 }
 
 TEST_F(CommandMatch, CsqMatchesInAllFormsButNotInACombination) {

@@ -1,0 +1,451 @@
+#include "at_engine.h"
+
+#include <random>
+
+#include "engine_fixture.h"
+
+namespace {
+
+class Engine : public EveryPort {};
+INSTANTIATE_TEST_SUITE_P(Ports, Engine, ::testing::Values(kModemPort, kAtPort, kUartPort),
+                         port_name);
+
+TEST_P(Engine, ALineInSeparateChunksIsOneLine) {
+    EXPECT_EQ(own.feed("AT"), 0);
+    EXPECT_EQ(own.feed("\r"), 1);
+    EXPECT_EQ(own.cp.messages(), (Lines{"AT\r"}));
+    EXPECT_EQ(own.line(), "");
+}
+
+TEST_P(Engine, AFirstChunkThatBeginsNoLineIsDropped) {
+    EXPECT_EQ(own.feed("X"), 0);
+    EXPECT_EQ(own.line(), "");
+    EXPECT_EQ(own.feed("AT\r"), 1);
+    EXPECT_EQ(own.cp.messages(), (Lines{"AT\r"}));
+}
+
+TEST_P(Engine, ACompleteLineThatIsIllegalIsDroppedWithoutAnAnswer) {
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(own.feed("XAT\r"), 0);
+    EXPECT_NE(testing::internal::GetCapturedStdout().find(
+                  "atcmd is illegal clean it. g_at_buf_cache:<XAT\r>,"),
+              std::string::npos);
+    EXPECT_EQ(own.line(), "");
+    EXPECT_TRUE(own.cp.messages().empty());
+    EXPECT_EQ(all_hosts(), "");
+}
+
+TEST_P(Engine, AnEmptyChunkIsDealtWith) {
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(own.feed(""), 1);
+    EXPECT_NE(testing::internal::GetCapturedStdout().find(
+                  "!!!!!!common_input_atcmd_proc read data 0 !!!!"),
+              std::string::npos);
+}
+
+TEST_P(Engine, RepeatsTheLastLine) {
+    struct {
+        const char* repeat;
+        const char* last;
+        const char* sent;
+        const char* why;
+    } const rows[] = {
+        {"A/\r", "AT+CFUN?\r", "AT+CFUN?\r", "longer than the repeat"},
+        {"a/\r", "AT+CFUN?\r", "AT+CFUN?\r", "in lower case"},
+        {"A/\r\n", "AT\r", "AT\r\n", "the repeat's own end stays"},
+        {"a/\r\n", "AT\r", "AT\r\n", "in lower case"},
+        {"A/", "AT\r", "AT\r", "without an end"},
+        {"a/", "AT\r", "AT\r", "in lower case"},
+    };
+    for (const auto& row : rows) {
+        own.feed(row.last);
+        own.cp.messages();
+        EXPECT_EQ(own.feed(row.repeat), 1) << row.repeat;
+        EXPECT_EQ(own.cp.messages(), (Lines{row.sent})) << row.repeat << ": " << row.why;
+    }
+}
+
+TEST_P(Engine, ARepeatWithNothingToRepeatIsDropped) {
+    EXPECT_EQ(own.feed("a/\r"), 0);
+    EXPECT_EQ(own.line(), "");
+    EXPECT_TRUE(own.cp.messages().empty());
+}
+
+TEST_P(Engine, ARepeatIsThePortsOwn) {
+    TestPort& other = port(GetParam() == kAtPort ? kModemPort : kAtPort);
+    own.feed("AT+CFUN=1\r");
+    own.cp.messages();
+    EXPECT_EQ(other.feed("A/\r"), 0);
+    EXPECT_TRUE(other.cp.messages().empty());
+}
+
+TEST_P(Engine, BackspaceRemovesTheLastCharacter) {
+    for (const char* key : {"A", "T", "X", "\b", "+", "\b", "\r"}) own.feed(key);
+    EXPECT_EQ(own.cp.messages(), (Lines{"AT\r"}));
+}
+
+TEST_P(Engine, BackspaceOnAnEmptyLineLeavesItEmpty) {
+    for (int i = 0; i < 50; ++i) EXPECT_EQ(own.feed("\b"), 0);
+    EXPECT_EQ(own.line(), "");
+    own.feed("AT\r");
+    EXPECT_EQ(own.cp.messages(), (Lines{"AT\r"}));
+}
+
+TEST_P(Engine, TypedCharactersAreEchoedAtOnceBackspaceToo) {
+    for (const char* key : {"A", "T", "\b"}) own.feed(key);
+    EXPECT_EQ(own_host.bytes(), is_uart ? "" : "AT\b");
+    EXPECT_EQ(load_shared(g_is_single_char_input), 1);
+    EXPECT_EQ(all_hosts(), "") << "no other port hears it";
+}
+
+TEST_P(Engine, LongerChunksAreNotEchoed) {
+    own.feed("AT");
+    EXPECT_EQ(all_hosts(), "");
+    EXPECT_EQ(load_shared(g_is_single_char_input), 0);
+}
+
+TEST_P(Engine, NothingIsEchoedWhenEchoIsOff) {
+    store_shared(g_client_ate_status, kEchoOff);
+    for (const char* key : {"A", "T", "\b"}) own.feed(key);
+    EXPECT_EQ(all_hosts(), "");
+    EXPECT_EQ(load_shared(g_is_single_char_input), 0);
+    EXPECT_EQ(own.line(), "A") << "backspace edits all the same";
+}
+
+TEST_P(Engine, CombinedCommandsAreSentOneByOne) {
+    struct {
+        const char* line;
+        Lines cp, platform;
+        const char* why;
+    } const rows[] = {
+        {"ATE0\r", {"ATE0\r"}, {"ATE0\r"}, "five characters: whole"},
+        {"ATE0V1\r", {"ATE0\r\n", "ATV1\r\n"}, {"ATE0\r\n", "ATV1\r\n"}, "seven"},
+        {"AT E0 V1\r", {"ATE0\r\n", "ATV1\r\n"}, {"ATE0\r\n", "ATV1\r\n"}, "seven without spaces"},
+        {"ATE0V1Q0\r",
+         {"ATE0\r\n", "ATV1\r\n", "ATQ0\r\n"},
+         {"ATE0\r\n", "ATV1\r\n", "ATQ0\r\n"},
+         "nine"},
+        {"ATE0V1Q0X1S0\r", {"ATE0V1Q0X1S0\r"}, {"ATE0V1Q0X1S0\r"}, "thirteen: whole"},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(own.feed(row.line), 1) << row.why;
+        EXPECT_EQ(own.cp.messages(), row.cp) << row.line << ": " << row.why;
+        EXPECT_EQ(own.to_platform(), row.platform) << row.line << ": " << row.why;
+        EXPECT_EQ(own.line(), "") << row.line;
+    }
+}
+
+TEST_P(Engine, SpacesOutsideQuotesAreRemoved) {
+    own.feed("AT + CFUN = 1\r");
+    own.feed("AT+CMGS=\"a b\" , 145\r\n");
+    own.feed("AT+CFUN=\"a b\r");
+    EXPECT_EQ(own.cp.messages(),
+              (Lines{"AT+CFUN=1\r", "AT+CMGS=\"a b\",145\r", "AT+CFUN=\"a b\r"}));
+}
+
+TEST_P(Engine, TextEndsAtANul) {
+    own.feed(std::string("AT+CFUN\0=5\r", 11));
+    own.feed("?\r");
+    EXPECT_EQ(own.cp.messages(), (Lines{"AT+CFUN?\r"}));
+}
+
+TEST_P(Engine, ALineOfFullLengthIsSent) {
+    const std::string line = "AT+X=" + std::string(kDeviceReadSize - 6, 'y') + "\r";
+    own.feed(line.substr(0, 10000));
+    EXPECT_EQ(own.feed(line.substr(10000)), 1);
+    EXPECT_EQ(own.cp.messages(), (Lines{line}));
+}
+
+TEST_P(Engine, AnOverlongLineIsDroppedToItsEnd) {
+    store_shared(g_client_ate_status, kEchoOff);
+    const std::string line = "AT+X=" + std::string(kDeviceReadSize - 5, 'y');
+    for (const std::size_t size : {1U, 7U, 1000U, 16384U}) {
+        testing::internal::CaptureStdout();
+        own.feed(line);
+        own.feed_cut("AT+CFUN=666A/" + std::string(3000, 'z'), size);
+        EXPECT_EQ(own.feed("rest\r"), 0);
+        const std::string log = testing::internal::GetCapturedStdout();
+        const std::size_t first = log.find("atcmd is too long, drop it.");
+        ASSERT_NE(first, std::string::npos);
+        EXPECT_EQ(log.find("atcmd is too long, drop it.", first + 1), std::string::npos);
+        EXPECT_TRUE(own.cp.messages().empty()) << size;
+        own.feed("AT\r");
+        EXPECT_EQ(own.cp.messages(), (Lines{"AT\r"})) << size;
+    }
+}
+
+TEST_P(Engine, AnOverlongLineMayEndInTheChunkThatOverflows) {
+    for (const char* end : {"\r", "\r\n", "\x1A", "xx\r\n"}) {
+        own.feed("AT+X=" + std::string(kDeviceReadSize - 5, 'y'));
+        EXPECT_EQ(own.feed(end), 0);
+        own.feed("AT\r");
+        EXPECT_EQ(own.cp.messages(), (Lines{"AT\r"}));
+    }
+}
+
+TEST_P(Engine, InputMayBeCutAnywhere) {
+    store_shared(g_client_ate_status, kEchoOff);
+    const std::string text = "AT\rAT+CFUN?\rATD*99#;\rAT+CMGS=\"1 2\"\rA/";
+    const Lines lines = {"AT\r", "AT+CFUN?\r", "ATD*99#;\r", "AT+CMGS=\"1 2\"\r",
+                         "AT+CMGS=\"1 2\"\r"};
+    own.feed_cut(text, 1);
+    EXPECT_EQ(own.cp.messages(), lines);
+}
+
+TEST_P(Engine, ALineMayBeCutAnywhere) {
+    store_shared(g_client_ate_status, kEchoOff);
+    const std::string line = "AT+COPS = 1,2,\"Net one\" \r";
+    for (const std::size_t size : {std::size_t{1}, std::size_t{2}, std::size_t{3}, line.size()}) {
+        own.feed_cut(line, size);
+        EXPECT_EQ(own.cp.messages(), (Lines{"AT+COPS=1,2,\"Net one\"\r"})) << size;
+    }
+}
+
+TEST_P(Engine, SmsTextGoesThroughAndEndsTheMode) {
+    struct {
+        std::string chunk;
+        int mode;
+        const char* why;
+    } const rows[] = {
+        {"Hello \xFF", 2, "text"},         {std::string("a\0b", 3), 2, "a NUL is data"},
+        {"\r", 2, "a line's end is none"}, {"\x1Ax", 2, "the end counts at the end only"},
+        {"x\x1A", 0, "Ctrl-Z sends"},      {"\x1B", 0, "ESC cancels"},
+    };
+    for (const auto& row : rows) {
+        own.set_mode(USB_PORT_SMS_MODE);
+        EXPECT_EQ(own.feed(row.chunk), 1) << row.why;
+        EXPECT_EQ(own.cp.messages(), (Lines{row.chunk})) << row.why;
+        EXPECT_EQ(own.mode(), row.mode) << row.why;
+    }
+    EXPECT_EQ(all_hosts(), "") << "raw bytes are not echoed";
+}
+
+TEST_P(Engine, PppDataGoesThroughAndTheEscapesEndTheMode) {
+    struct {
+        std::string chunk;
+        int mode;
+        const char* why;
+    } const rows[] = {
+        {std::string("\x7E\0\xFF\x7E", 4), 3, "data"},
+        {"+++", 0, "the escape"},
+        {"++", 3, "too short"},
+        {"++++", 3, "not the escape alone"},
+        {"+++\r", 3, "not the escape alone"},
+        {"ATH\r", 0, "hang up"},
+        {"ath\r\n", 0, "in lower case, five bytes"},
+        {"ATH", 3, "without its end"},
+        {"ATH\r\n\n", 3, "six bytes are data"},
+        {"ATH0\r", 3, "another command"},
+        {std::string("ATH\0\r", 5), 3, "a NUL is no CR"},
+    };
+    for (const auto& row : rows) {
+        own.set_mode(USB_PORT_PPP_MODE);
+        EXPECT_EQ(own.feed(row.chunk), 1) << row.why;
+        EXPECT_EQ(own.cp.messages(), (Lines{row.chunk})) << row.why;
+        EXPECT_EQ(own.mode(), row.mode) << row.why;
+    }
+}
+
+TEST_P(Engine, LeavingPppModeIsLogged) {
+    own.set_mode(USB_PORT_PPP_MODE);
+    testing::internal::CaptureStdout();
+    own.feed("+++");
+    EXPECT_NE(testing::internal::GetCapturedStdout().find("we got +++, exit ppp mode. "),
+              std::string::npos);
+}
+
+TEST_P(Engine, DataGoesToThePlatform) {
+    own.set_mode(USB_PORT_DATA_MODE);
+    const std::string data("AT\r\0\xFF", 5);
+    EXPECT_EQ(own.feed(data), 1);
+    EXPECT_EQ(own.to_platform(), (Lines{data}));
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(own.feed("\x1A"), 1);
+    EXPECT_NE(testing::internal::GetCapturedStdout().find("we got ctrl+z, exit data mode. "),
+              std::string::npos);
+    EXPECT_EQ(own.to_platform(), (Lines{"\x1A"}));
+    EXPECT_EQ(own.mode(), USB_PORT_DATA_MODE);
+    EXPECT_TRUE(own.cp.messages().empty());
+    EXPECT_EQ(all_hosts(), "");
+}
+
+TEST_P(Engine, DataWithoutAPlatformIsAnsweredOnTheUsbPorts) {
+    own.set_mode(USB_PORT_DATA_MODE);
+    store_shared(own.record.platform_socket, -1);
+    EXPECT_EQ(own.feed("data"), 1);
+    EXPECT_EQ(own_host.bytes(), is_uart ? "" : kDownText);
+    EXPECT_EQ(all_hosts(), "");
+}
+
+TEST_P(Engine, HexInputIsDropped) {
+    own.set_mode(USB_PORT_HEX_MODE);
+    EXPECT_EQ(own.feed("AT\r"), 1);
+    EXPECT_TRUE(own.cp.messages().empty());
+    EXPECT_TRUE(own.to_platform().empty());
+    EXPECT_EQ(all_hosts() + own.line(), "");
+    EXPECT_EQ(own.mode(), USB_PORT_HEX_MODE);
+}
+
+TEST_P(Engine, AFailedRawWriteClosesTheChannel) {
+    for (const int mode : {USB_PORT_SMS_MODE, USB_PORT_PPP_MODE}) {
+        own.set_mode(mode);
+        own.cp.daemon_fd = -1;
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(own.feed("x\x1A"), 0);
+        EXPECT_NE(testing::internal::GetCapturedStdout().find("close_fd_mutexed file_path close:"),
+                  std::string::npos);
+        EXPECT_EQ(own.cp.daemon_fd, -1);
+        EXPECT_EQ(own.mode(), mode == USB_PORT_SMS_MODE ? 0 : 3);
+    }
+}
+
+TEST_P(Engine, ALineThatCannotBeWrittenIsGone) {
+    own.cp.daemon_fd = -1;
+    EXPECT_EQ(own.feed("AT+CFUN?\r"), 1);
+    EXPECT_EQ(own.line(), "");
+}
+
+TEST_P(Engine, MissingArgumentsAreLoggedAndNeverFollowed) {
+    char area[] = "AT\r";
+    const auto call = [this](char* buf, int* mode, pthread_mutex_t* mutex, pthread_cond_t* cond,
+                             thread_info_t* tinfo) {
+        bind_input_source(own.source);
+        return common_input_atcmd_proc(-1, buf, 3, mode, mutex, cond, tinfo);
+    };
+    PortRecord const& record = own.record;
+    pthread_mutex_t* mutex = &record.response_mutex;
+    pthread_cond_t* cond = &record.response_cond;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(call(nullptr, &record.mode, mutex, cond, &own.tinfo), 0);
+    EXPECT_EQ(call(area, nullptr, mutex, cond, &own.tinfo), 0);
+    EXPECT_EQ(call(area, &record.mode, nullptr, cond, &own.tinfo), 1);
+    EXPECT_EQ(call(area, &record.mode, mutex, nullptr, &own.tinfo), 1);
+    EXPECT_EQ(call(area, &record.mode, mutex, cond, nullptr), 1);
+    own.set_mode(USB_PORT_SMS_MODE);
+    EXPECT_EQ(call(area, &record.mode, mutex, cond, nullptr), 0);
+    own.set_mode(USB_PORT_ATCMD_MODE);
+    EXPECT_EQ(common_input_atcmd_proc(-1, nullptr, 0, nullptr, nullptr, nullptr, nullptr), 1);
+    const std::string log = testing::internal::GetCapturedStdout();
+    EXPECT_NE(log.find("common_input_atcmd_proc input error."), std::string::npos);
+    EXPECT_NE(log.find("send_atcmd_to_plat_cp input error.\r"), std::string::npos);
+    EXPECT_TRUE(own.cp.messages().empty());
+}
+
+TEST_P(Engine, AClosedConnectionDoesNotChangeThePort) {
+    store_shared(own.record.platform_socket, -1);
+    own.feed("A");
+    EXPECT_EQ(own_host.bytes(), is_uart ? "" : "A");
+    EXPECT_EQ(all_hosts(), "");
+}
+
+TEST_P(Engine, ASmsCommandDoesNotChangeTheMode) {
+    own.feed("AT+CMGS=12\r");
+    EXPECT_EQ(own.mode(), USB_PORT_ATCMD_MODE);
+    EXPECT_EQ(own.cp.messages(), (Lines{"AT+CMGS=12\r"}));
+}
+
+TEST_P(Engine, AnyS3BelowTheLimitLeavesALineThatWorks) {
+    for (int s3 = 0; s3 < 128; ++s3) {
+        store_shared(g_ats3_carriage_return_char, static_cast<uint8_t>(s3));
+        for (const char* line : {"AT+CFUN?\r", "AT \"x y\r", "\r\n", "A/", "ATS3=1\r"})
+            own.feed(line);
+        EXPECT_LE(own.line().size(), static_cast<std::size_t>(kDeviceReadSize));
+        own.cp.messages();
+        own.to_platform();
+        store_shared(g_ats3_carriage_return_char, 13);
+        own.feed("\r");
+        own.cp.messages();
+        EXPECT_EQ(own.feed("AT+CFUN=7\r"), 1) << s3;
+        EXPECT_EQ(own.cp.messages(), (Lines{"AT+CFUN=7\r"})) << s3;
+    }
+}
+
+TEST_P(Engine, LivesThroughJunk) {
+    store_shared(g_client_ate_status, kEchoOff);
+    std::minstd_rand random(7);  // the same junk in every run
+    static constexpr char kAlphabet[] = "ATat+/=?\"; \b\r\n\x1A\x1B\0\xFFSs3E0";
+    const std::string alphabet(kAlphabet, sizeof kAlphabet - 1);
+    for (int i = 0; i < 2000; ++i) {
+        std::string chunk;
+        for (std::size_t left = random() % 12; left > 0; --left)
+            chunk += alphabet[random() % alphabet.size()];
+        own.feed(chunk);
+        own.cp.messages();
+        own.to_platform();
+        all_hosts();
+    }
+    reset_settings();
+    own.set_mode(USB_PORT_ATCMD_MODE);
+    own.feed("\r");
+    own.cp.messages();
+    own.feed("AT+CFUN=7\r");
+    EXPECT_EQ(own.cp.messages(), (Lines{"AT+CFUN=7\r"}));
+}
+
+class EngineAcrossPorts : public EngineFixture {};
+
+TEST_F(EngineAcrossPorts, CmuxBelongsToTheUart) {
+    for (const PortIndex index : {kModemPort, kAtPort}) {
+        const Answerer answerer(g_ports[index].response_cond);
+        EXPECT_EQ(port(index).feed("AT+CMUX=0\r"), 1);
+        EXPECT_EQ(port(index).cp.messages(), (Lines{"AT+CMUX=0\r"}));
+        EXPECT_EQ(port(index).mode(), USB_PORT_ATCMD_MODE);
+    }
+    EXPECT_EQ(load_shared(g_uart_port_status), 0);
+    EXPECT_EQ(uart_port.feed("AT+CMUX=0\r"), 0);
+    EXPECT_EQ(uart.bytes(), "\r\nOK\r\n");
+    EXPECT_EQ(uart_port.mode(), USB_PORT_CMUX_MODE);
+    EXPECT_EQ(uart_port.line(), "");
+    EXPECT_TRUE(uart_port.cp.messages().empty());
+}
+
+TEST_F(EngineAcrossPorts, AQuestionAboutCmuxLeavesCommandMode) {
+    EXPECT_EQ(uart_port.feed("AT+CMUX=?\r"), 0);
+    EXPECT_EQ(uart.bytes(), "+CMUX: (0),(0),(1-6),(1-1509),(1-255),(0-5),(2-255),(1-255)");
+    EXPECT_EQ(uart_port.mode(), USB_PORT_ATCMD_MODE);
+    EXPECT_EQ(uart_port.line(), "");
+}
+
+TEST_F(EngineAcrossPorts, ACmuxCommandThatIsRefusedLeavesTheAnswerAsItWas) {
+    EXPECT_EQ(uart_port.feed("AT+CMUX\r"), 0);
+    EXPECT_EQ(uart.bytes(), kDownText);
+    EXPECT_EQ(uart_port.line(), "");
+}
+
+TEST_F(EngineAcrossPorts, BytesOfTwoSourcesNeverMix) {
+    const Answerer modem_answerer(g_cond_mport);
+    const Answerer at_answerer(g_cond_atport);
+    const Answerer uart_answerer(g_cond_uartport);
+    store_shared(g_client_ate_status, kEchoOff);
+    const std::string lines[] = {"AT+CFUN=1\r", "AT+CFUN=2\r", "AT+CFUN=3\r"};
+    for (std::size_t at = 0; at < lines[0].size(); ++at)
+        for (int i = 0; i < kPortCount; ++i)
+            port(static_cast<PortIndex>(i)).feed(lines[i].substr(at, 1));
+    EXPECT_EQ(modem_port.cp.messages(), (Lines{lines[0]}));
+    EXPECT_EQ(at_port.cp.messages(), (Lines{lines[1]}));
+    EXPECT_EQ(uart_port.cp.messages(), (Lines{lines[2]}));
+}
+
+TEST_F(EngineAcrossPorts, TwoSourcesOfOnePortHaveLinesOfTheirOwn) {
+    const Answerer answerer(g_cond_atport);
+    at_port.feed("AT+CF");
+    for (const InputSource source : {InputSource::udp_server, InputSource::pcie_pipe}) {
+        at_port.source = source;
+        at_port.feed("AT+COPS?\r");
+    }
+    at_port.source = InputSource::at_port;
+    at_port.feed("UN?\r");
+    EXPECT_EQ(at_port.cp.messages(), (Lines{"AT+COPS?\r", "AT+COPS?\r", "AT+CFUN?\r"}));
+}
+
+TEST_F(EngineAcrossPorts, AnOverlongLineOfOneSourceDisturbsNoOther) {
+    const Answerer answerer(g_cond_mport);
+    at_port.feed("AT+X=" + std::string(kDeviceReadSize - 5, 'y'));
+    at_port.feed("y");
+    modem_port.feed("AT\r");
+    EXPECT_EQ(modem_port.cp.messages(), (Lines{"AT\r"}));
+    at_port.feed("\r");
+    EXPECT_TRUE(at_port.cp.messages().empty());
+}
+
+}  // namespace

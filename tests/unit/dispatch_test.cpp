@@ -1,0 +1,200 @@
+#include "dispatch.h"
+
+#include <chrono>
+
+#include "engine_fixture.h"
+
+namespace {
+
+int dispatch(TestPort& port, const std::string& line) {
+    return send_atcmd_to_plat_or_cp(
+        load_shared(port.record.platform_socket), line.c_str(), static_cast<int>(line.size()),
+        &port.record.mode, &port.record.response_mutex, &port.record.response_cond, &port.tinfo);
+}
+
+std::string last_line(const TestPort& port) {
+    char area[kTextAreaSize];
+    port.record.last_line.copy_to(area, sizeof area);
+    return area;
+}
+
+class Dispatch : public EveryPort {};
+INSTANTIATE_TEST_SUITE_P(Ports, Dispatch, ::testing::Values(kModemPort, kAtPort, kUartPort),
+                         port_name);
+
+TEST_P(Dispatch, Roads) {
+    struct {
+        const char* line;
+        bool cp, platform;
+        const char* why;
+    } const rows[] = {
+        {"AT+CFUN=1\r", true, false, "in no table"},
+        {"AT+CSQ\r", false, true, "the platform's"},
+        {"at+csq;+cops?\r", true, false, "a combination is CP's whole"},
+        {"ATE1\r", true, true, "both"},
+        {"ATS24=5\r", true, true, "both"},
+        {"AT+CMEE=1\r", true, true, "both"},
+        {"ATI\r", true, false, "only ATI9 is the platform's"},
+        {"ATI9\r", false, true, "the platform's"},
+        {"AT+CGMR\r", false, true, "the platform's"},
+    };
+    for (const auto& row : rows) {
+        dispatch(own, row.line);
+        EXPECT_EQ(own.cp.messages(), row.cp ? Lines{row.line} : Lines{}) << row.why;
+        EXPECT_EQ(own.to_platform(), row.platform ? Lines{row.line} : Lines{}) << row.why;
+        EXPECT_EQ(last_line(own), row.line);
+    }
+    EXPECT_EQ(all_hosts(), "");
+}
+
+TEST_P(Dispatch, EchoOffIsRecordedFromTheLineBeingSent) {
+    own.feed("ATE0\r");
+    EXPECT_EQ(load_shared(g_client_ate_status), kEchoOff);
+    EXPECT_EQ(own.cp.messages(), (Lines{"ATE0\r"}));
+    EXPECT_EQ(own.to_platform(), (Lines{"ATE0\r"}));
+}
+
+TEST_P(Dispatch, EchoIsLeftAloneWhenCpCannotBeTold) {
+    own.cp.daemon_fd = -1;
+    testing::internal::CaptureStdout();
+    own.feed("ATE0\r");
+    EXPECT_NE(testing::internal::GetCapturedStdout().find(
+                  "write_to_device forward_exc_atcmd_to_cp_too failed. "),
+              std::string::npos);
+    EXPECT_EQ(load_shared(g_client_ate_status), kEchoOn);
+    EXPECT_EQ(own.to_platform(), (Lines{"ATE0\r"})) << "the platform is asked all the same";
+}
+
+TEST_P(Dispatch, InOtherModesThePlatformIsNotAsked) {
+    for (const int mode :
+         {USB_PORT_HEX_MODE, USB_PORT_SMS_MODE, USB_PORT_PPP_MODE, USB_PORT_DATA_MODE}) {
+        own.set_mode(mode);
+        dispatch(own, "AT+CSQ\r");
+        EXPECT_TRUE(own.cp.messages().empty()) << mode;
+        dispatch(own, "ATQ0\r");
+        EXPECT_EQ(own.cp.messages(), (Lines{"ATQ0\r"})) << mode;
+        EXPECT_TRUE(own.to_platform().empty()) << mode;
+        EXPECT_EQ(last_line(own), "") << mode;
+    }
+}
+
+TEST_P(Dispatch, WithoutAPlatformAnOrdinaryCommandGoesToCp) {
+    store_shared(own.record.platform_socket, -1);
+    EXPECT_EQ(dispatch(own, "AT+CSQ\r"), 0);
+    EXPECT_EQ(own.cp.messages(), (Lines{"AT+CSQ\r"}));
+    EXPECT_EQ(all_hosts(), "");
+}
+
+TEST_P(Dispatch, WithoutPlatformAndCpTheHostIsTold) {
+    store_shared(own.record.platform_socket, -1);
+    own.cp.daemon_fd = -1;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(dispatch(own, "AT+CSQ\r"), -1);
+    EXPECT_NE(testing::internal::GetCapturedStdout().find(
+                  "!!!!!send_data_to_app_platform(USB_PORT_ATCMD_MODE) faile!!!!!"),
+              std::string::npos);
+    EXPECT_EQ(own_host.bytes(), is_uart ? "" : kDownText);
+    EXPECT_EQ(all_hosts(), "");
+}
+
+TEST_P(Dispatch, ACommandOfCpsIsMarkedAsSent) {
+    dispatch(own, "AT+CSQ\r");
+    EXPECT_EQ(load_shared(own.record.send_done), 0) << "the platform's is not";
+    dispatch(own, "AT+CFUN?\r");
+    for (const PortRecord& record : g_ports)
+        EXPECT_EQ(load_shared(record.send_done), &record == &own.record ? 1 : 0);
+}
+
+TEST_P(Dispatch, AFailedWriteClosesTheChannelAndMarksNothing) {
+    own.cp.daemon_fd = -1;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(dispatch(own, "AT+CFUN?\r"), -1);
+    EXPECT_NE(
+        testing::internal::GetCapturedStdout().find("send_atcmd_to_cp close_fd_mutexed 1 '-1'..."),
+        std::string::npos);
+    EXPECT_EQ(load_shared(own.record.send_done), 0);
+    EXPECT_EQ(last_line(own), "AT+CFUN?\r");
+}
+
+TEST_P(Dispatch, MissingArgumentsSendNothing) {
+    const PortRecord& record = own.record;
+    pthread_mutex_t* mutex = &record.response_mutex;
+    pthread_cond_t* cond = &record.response_cond;
+    for (const auto send : {send_atcmd_to_plat_or_cp, send_atcmd_to_cp}) {
+        testing::internal::CaptureStdout();
+        EXPECT_LT(send(-1, "AT\r", 3, nullptr, mutex, cond, &own.tinfo), 0);
+        EXPECT_LT(send(-1, "AT\r", 3, &record.mode, nullptr, cond, &own.tinfo), 0);
+        EXPECT_LT(send(-1, "AT\r", 3, &record.mode, mutex, nullptr, &own.tinfo), 0);
+        EXPECT_LT(send(-1, "AT\r", 3, &record.mode, mutex, cond, nullptr), 0);
+        EXPECT_LT(send(-1, nullptr, 3, &record.mode, mutex, cond, &own.tinfo), 0);
+        const std::string log = testing::internal::GetCapturedStdout();
+        const char* text = send == send_atcmd_to_cp ? "send_atcmd_to_cp input error.\r"
+                                                    : "send_atcmd_to_plat_cp input error.\r";
+        EXPECT_NE(log.find(text), std::string::npos);
+    }
+    EXPECT_TRUE(own.cp.messages().empty());
+}
+
+class DispatchWait : public EngineFixture {};
+
+// A wait would have to lock this mutex, which says so instead of blocking.
+TEST_F(DispatchWait, NoCommandWaitsWhileTheMultiplexerRuns) {
+    pthread_mutexattr_t attributes;
+    pthread_mutexattr_init(&attributes);
+    pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_ERRORCHECK);
+    pthread_mutex_t held;
+    pthread_mutex_init(&held, &attributes);
+    pthread_mutex_lock(&held);
+    store_shared(g_uart_port_status, 1);
+    store_shared(g_is_cp_timeout_times, 2);
+    testing::internal::CaptureStdout();
+    for (const char* line : {"AT+CFUN?\r", "AT+CSQ\r"})
+        send_atcmd_to_plat_or_cp(-1, line, static_cast<int>(strlen(line)), &g_usb_modem_port_mode,
+                                 &held, &g_cond_mport, &modem_port.tinfo);
+    EXPECT_EQ(testing::internal::GetCapturedStdout().find("mutex lock failed"), std::string::npos);
+    EXPECT_EQ(modem_port.cp.messages(), (Lines{"AT+CFUN?\r"}));
+    EXPECT_EQ(modem_port.to_platform(), (Lines{"AT+CSQ\r"}));
+    EXPECT_EQ(load_shared(g_is_cp_timeout_times), 2) << "nobody waited, nothing is judged";
+    pthread_mutex_unlock(&held);
+    pthread_mutex_destroy(&held);
+    pthread_mutexattr_destroy(&attributes);
+}
+
+TEST_F(DispatchWait, AQuickAnswerResetsTheCountOnTheDevicesGivenOnly) {
+    struct {
+        const char* channel;
+        int after;
+    } const rows[] = {{"/dev/at_mdm0", 0}, {"/dev/at_smd7", 0}, {"/dev/smd7", 3}, {"/dev/smd8", 3}};
+    const Answerer answerer(g_cond_mport);
+    for (const auto& row : rows) {
+        store_shared(g_is_cp_timeout_times, 3);
+        modem_port.tinfo.to_file_path = row.channel;
+        dispatch(modem_port, "AT+CFUN?\r");
+        EXPECT_EQ(load_shared(g_is_cp_timeout_times), row.after) << row.channel;
+    }
+}
+
+int64_t seconds_for(const std::function<void()>& work) {
+    const auto start = std::chrono::steady_clock::now();
+    work();
+    return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() -
+                                                            start)
+        .count();
+}
+
+TEST_F(DispatchWait, CpIsWaitedForTenSecondsAndTheSixthSlowAnswerIsLogged) {
+    store_shared(g_is_cp_timeout_times, 5);
+    testing::internal::CaptureStdout();
+    EXPECT_GE(seconds_for([this] { EXPECT_EQ(dispatch(modem_port, "AT+CFUN?\r"), 0); }), 9);
+    EXPECT_NE(testing::internal::GetCapturedStdout().find(
+                  "!!!!! vexa_at_client exit bls cp error.!!!!! "),
+              std::string::npos);
+    EXPECT_EQ(load_shared(g_is_cp_timeout_times), 6);
+}
+
+TEST_F(DispatchWait, ThePlatformIsWaitedForFiveSeconds) {
+    EXPECT_GE(seconds_for([this] { EXPECT_GT(dispatch(modem_port, "AT+CSQ\r"), 0); }), 4);
+    EXPECT_EQ(load_shared(g_is_cp_timeout_times), 0);
+}
+
+}  // namespace
