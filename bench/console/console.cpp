@@ -1,0 +1,214 @@
+#include "console.h"
+
+#include <cstdio>
+#include <sstream>
+
+namespace bench {
+namespace {
+
+constexpr std::string_view kPrompt = "AT> ";
+constexpr std::string_view kTextPrompt = "text> ";
+constexpr std::string_view kDataPrompt = "data> ";
+// What the daemon says when a platform command finds no platform: an answer, but no result.
+constexpr std::string_view kNoPlatform = "app-plat is not running";
+
+constexpr const char* kHelp =
+    "a line is an AT command; after a message prompt, the message; after CONNECT, data (+++ ends)\n"
+    "  /esc                     give a message up\n"
+    "  /raw TEXT                send bytes as they stand: \\r \\n \\t \\e \\xHH\n"
+    "  /mhi connect [32|33]     the host opens the PCIe channels (with --pcie); also disconnect,\n"
+    "                           configure\n"
+    "  /log                     the end of what the daemon wrote\n"
+    "  /quit, Ctrl-D            end; everything started ends too";
+
+}  // namespace
+
+Console::Console(BenchModule& module, std::unique_ptr<Road> road, bool interactive)
+    : module_(module), road_(std::move(road)), interactive_(interactive) {}
+
+bool Console::start() {
+    road_->on_output([this](std::string_view bytes) { heard(bytes); });
+    const auto opened = [this] {
+        for (const std::string& line : module_.summary()) {
+            fprintf(stderr, "%s\n", line.c_str());
+        }
+        fprintf(stderr, "AT commands go to %s%s\n", road_->title().c_str(),
+                interactive_ ? "; /help tells more, Ctrl-D ends" : "");
+        const auto took = [this](const std::string& line) { took_line(line); };
+        const auto ended = [this] { input_ended(); };
+        input_ = interactive_ ? make_terminal_input(module_.loop(), took, ended)
+                              : make_stream_input(module_.loop(), took, ended);
+    };
+    if (!road_->open(opened)) {
+        error_ = road_->error();
+        return false;
+    }
+    return true;
+}
+
+void Console::took_line(const std::string& line) {
+    if (interactive_) {
+        carry_out(line);
+        return;
+    }
+    lines_.push_back(line);
+    next_line();
+}
+
+void Console::input_ended() {
+    ended_ = true;
+    if (interactive_) {
+        end();
+        return;
+    }
+    next_line();
+}
+
+void Console::next_line() {
+    while (results_left_ == 0 || wants_text_) {
+        if (lines_.empty()) {
+            if (ended_ && wants_text_) {
+                send_text("\x1b");
+                return;
+            }
+            if (ended_) {
+                end();
+            }
+            return;
+        }
+        const std::string line = lines_.front();
+        lines_.pop_front();
+        carry_out(line);
+    }
+}
+
+void Console::carry_out(const std::string& line) {
+    if (line.starts_with("/")) {
+        own_command(line);
+    } else if (wants_text_) {
+        send_text(line + "\x1a");
+    } else if (reader_.in_data()) {
+        send_data(line);
+    } else if (!line.empty()) {
+        send_command(line);
+    }
+}
+
+void Console::send_command(const std::string& line) {
+    current_ = line;
+    reader_.begin(line);
+    results_left_ = results_expected(line);
+    if (!interactive_) {
+        const auto time = Milliseconds{static_cast<int>(module_.options().time_out * 1000)};
+        timer_ = module_.loop().after(time, [this] {
+            fprintf(stderr, "no final result of %s\n", current_.c_str());
+            command_done(false);
+        });
+    }
+    road_->send(line + "\r");
+}
+
+void Console::send_text(const std::string& text) {
+    wants_text_ = false;
+    if (interactive_) {
+        input_->set_prompt(std::string(kPrompt));
+    }
+    road_->send(text);
+}
+
+// "+++" ends a data connection, alone and without a line end; its result is waited for.
+void Console::send_data(const std::string& line) {
+    if (line != "+++") {
+        road_->send(line + "\r\n");
+        return;
+    }
+    current_ = line;
+    results_left_ = 1;
+    road_->send(line);
+}
+
+void Console::own_command(const std::string& line) {
+    const auto blank = line.find(' ');
+    const std::string name = line.substr(0, blank);
+    const std::string rest = blank == std::string::npos ? "" : line.substr(blank + 1);
+    if (name == "/help") {
+        print(kHelp);
+    } else if (name == "/esc") {
+        send_text("\x1b");
+    } else if (name == "/raw") {
+        road_->send(decode_escapes(rest));
+    } else if (name == "/mhi") {
+        mhi_command(rest);
+    } else if (name == "/log") {
+        print(module_.log_tail());
+    } else if (name == "/quit") {
+        end();
+    } else {
+        print("no such command; /help lists them");
+        all_answered_ = false;
+    }
+}
+
+void Console::mhi_command(const std::string& arguments) {
+    std::istringstream words(arguments);
+    std::string change;
+    int channel = 0;
+    words >> change >> channel;
+    if (!module_.change_mhi(change, channel)) {
+        print("/mhi: " + module_.error());
+        all_answered_ = false;
+    }
+}
+
+void Console::heard(std::string_view bytes) {
+    for (const AnswerReader::Item& item : reader_.feed(bytes)) {
+        if (item.kind == AnswerReader::Kind::prompt) {
+            got_prompt();
+            continue;
+        }
+        print(item.text);
+        if (item.kind == AnswerReader::Kind::final_result) {
+            got_final(item.text);
+        } else if (results_left_ > 0 && item.text.starts_with(kNoPlatform)) {
+            command_done(false);
+        }
+    }
+}
+
+void Console::got_prompt() {
+    wants_text_ = true;
+    if (interactive_) {
+        input_->set_prompt(std::string(kTextPrompt));
+    } else {
+        next_line();
+    }
+}
+
+void Console::got_final(const std::string&) {
+    if (interactive_) {
+        input_->set_prompt(std::string(reader_.in_data() ? kDataPrompt : kPrompt));
+    }
+    if (results_left_ > 0 && --results_left_ == 0) {
+        command_done(true);
+    }
+}
+
+void Console::command_done(bool answered) {
+    module_.loop().cancel(timer_);
+    results_left_ = 0;
+    wants_text_ = false;
+    all_answered_ = all_answered_ && answered;
+    if (!interactive_) {
+        next_line();
+    }
+}
+
+void Console::print(const std::string& text) {
+    input_->print(text);
+}
+
+void Console::end() {
+    module_.loop().stop();
+}
+
+}  // namespace bench

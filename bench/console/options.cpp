@@ -1,0 +1,51 @@
+#include "options.h"
+
+#include <CLI/CLI.hpp>
+
+#include "module_space.h"
+
+namespace bench {
+
+std::optional<BenchOptions> parse_options(int argc, char** argv, int& status) {
+    BenchOptions options;
+    options.scenario = VEXA_SCENARIO_FOLDER "/modem-default.txt";
+    options.platform_scenario = VEXA_SCENARIO_FOLDER "/platform-default.txt";
+    options.daemon = program_folder() + "/vexa_at_client";
+
+    CLI::App app(
+        "Starts the daemon on a simulated module and gives an AT console.\n"
+        "On a terminal: line editing, /help, Ctrl-D ends. Else: one command a line; the\n"
+        "exit status is 0 when every command got a final result.",
+        "script/run");
+    app.add_option("--port", options.port, "The console's port")
+        ->check(CLI::IsMember({"modem", "at", "uart", "mux", "udp", "qmi", "pcie"}))
+        ->capture_default_str();
+    app.add_option("--scenario", options.scenario, "What the modem answers (docs/scenarios.md)")
+        ->check(CLI::ExistingFile);
+    app.add_option("--platform-scenario", options.platform_scenario,
+                   "What the app platform answers")
+        ->check(CLI::ExistingFile);
+    app.add_flag("!--no-platform", options.platform, "Leave the app platform out");
+    app.add_option("--platform-after", options.platform_after,
+                   "Start the app platform so many seconds late")
+        ->check(CLI::NonNegativeNumber);
+    app.add_option("--record", options.record, "Save the UART's multiplexer frames as a pcap file");
+    app.add_flag("--pcie", options.pcie, "Attach the module over PCIe (--port pcie does, too)");
+    app.add_option("--target", options.target, "Target number of the module")
+        ->capture_default_str();
+    app.add_option("--daemon", options.daemon, "The daemon's program")->check(CLI::ExistingFile);
+    app.add_option("--log", options.log, "File for what the daemon writes");
+    app.add_option("--time-out", options.time_out, "Seconds to wait for a final result")
+        ->check(CLI::PositiveNumber)
+        ->capture_default_str();
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        status = app.exit(error);
+        return std::nullopt;
+    }
+    options.pcie = options.pcie || options.port == "pcie";
+    return options;
+}
+
+}  // namespace bench

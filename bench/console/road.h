@@ -1,0 +1,50 @@
+// How the console's bytes reach the daemon: one class per kind of port. A new one is a row in
+// roads.cpp.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace bench {
+
+class BenchModule;
+
+class Road {
+  public:
+    virtual ~Road() = default;
+
+    // Called when the daemon serves its ports; calls back once commands can be sent. False: error()
+    // tells why not.
+    virtual bool open(std::function<void()> opened) {
+        opened();
+        return true;
+    }
+    virtual void send(std::string_view bytes) = 0;
+    // One line for the person at the console: where the commands go.
+    virtual std::string title() const = 0;
+
+    void on_output(std::function<void(std::string_view)> heard) { heard_ = std::move(heard); }
+    const std::string& error() const { return error_; }
+
+  protected:
+    void heard(std::string_view bytes) {
+        if (heard_) {
+            heard_(bytes);
+        }
+    }
+    bool fail(const std::string& what) {
+        error_ = what;
+        return false;
+    }
+
+  private:
+    std::function<void(std::string_view)> heard_;
+    std::string error_;
+};
+
+// Null when no road has this name.
+std::unique_ptr<Road> make_road(const std::string& port, BenchModule& module);
+
+}  // namespace bench

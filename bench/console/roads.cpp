@@ -1,0 +1,143 @@
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include "bench_module.h"
+#include "mux_host.h"
+#include "road.h"
+
+namespace bench {
+namespace {
+
+using namespace std::chrono_literals;
+
+class PortRoad : public Road {
+  public:
+    PortRoad(BenchModule& module, int port, std::string title)
+        : module_(module), port_(port), title_(std::move(title)) {}
+
+    bool open(std::function<void()> opened) override {
+        module_.on_port_output(port_, [this](std::string_view bytes) { heard(bytes); });
+        opened();
+        return true;
+    }
+    void send(std::string_view bytes) override { module_.write_port(port_, bytes); }
+    std::string title() const override { return title_; }
+
+  private:
+    BenchModule& module_;
+    int port_;
+    std::string title_;
+};
+
+class UdpRoad : public Road {
+  public:
+    explicit UdpRoad(BenchModule& module) : module_(module) {}
+    ~UdpRoad() override { module_.loop().unwatch(socket_.get()); }
+
+    bool open(std::function<void()> opened) override {
+        socket_ = module_.space().socket(AF_INET, SOCK_DGRAM);
+        sockaddr_in server{};
+        server.sin_family = AF_INET;
+        server.sin_port = htons(5555);
+        server.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        if (!socket_.is_open() ||
+            connect(socket_.get(), reinterpret_cast<sockaddr*>(&server), sizeof server) != 0) {
+            return fail(std::string("no UDP socket: ") + strerror(errno));
+        }
+        module_.loop().watch(socket_.get(), [this] { take_datagram(); });
+        opened();
+        return true;
+    }
+    void send(std::string_view bytes) override {
+        (void)!::send(socket_.get(), bytes.data(), bytes.size(), 0);
+    }
+    std::string title() const override { return "the UDP server, port 5555 inside the module"; }
+
+  private:
+    void take_datagram() {
+        std::array<char, 65536> bytes;
+        const ssize_t got = recv(socket_.get(), bytes.data(), bytes.size(), MSG_DONTWAIT);
+        if (got > 0) {
+            heard({bytes.data(), static_cast<std::size_t>(got)});
+        }
+    }
+
+    BenchModule& module_;
+    UniqueFd socket_;
+};
+
+class MuxRoad : public Road {
+  public:
+    explicit MuxRoad(BenchModule& module) : module_(module) {}
+
+    bool open(std::function<void()> opened) override {
+        opened_ = std::move(opened);
+        module_.on_port_output(kUartHostPort, [this](std::string_view bytes) {
+            host_.received(bytes);
+            carry();
+        });
+        host_.open();
+        carry();
+        return true;
+    }
+    void send(std::string_view bytes) override {
+        host_.send(kMuxCommandChannel, bytes);
+        carry();
+    }
+    std::string title() const override {
+        return "channel " + std::to_string(kMuxCommandChannel) +
+               " of the multiplexer on the UART port";
+    }
+
+  private:
+    void carry() {
+        const std::string output = host_.take_output();
+        if (!output.empty()) {
+            module_.write_port(kUartHostPort, output);
+        }
+        if (opened_ && host_.is_open()) {
+            const auto opened = std::exchange(opened_, nullptr);
+            opened();
+        }
+        for (const int dlci : {kMuxCommandChannel, kMuxDialChannel}) {
+            const std::string text = host_.heard(dlci);
+            if (!text.empty() && host_.take(dlci, text)) {
+                heard(text);
+            }
+        }
+    }
+
+    BenchModule& module_;
+    MuxHost host_;
+    std::function<void()> opened_;
+};
+
+}  // namespace
+
+std::unique_ptr<Road> make_road(const std::string& port, BenchModule& module) {
+    if (port == "modem") {
+        return std::make_unique<PortRoad>(module, kModemHostPort, "the modem port");
+    }
+    if (port == "at") {
+        return std::make_unique<PortRoad>(module, kAtHostPort, "the AT port");
+    }
+    if (port == "uart") {
+        return std::make_unique<PortRoad>(module, kUartHostPort, "the UART port");
+    }
+    if (port == "pcie") {
+        return std::make_unique<PortRoad>(module, kPciePipe, "the PCIe pipe");
+    }
+    if (port == "udp") {
+        return std::make_unique<UdpRoad>(module);
+    }
+    if (port == "mux") {
+        return std::make_unique<MuxRoad>(module);
+    }
+    return nullptr;
+}
+
+}  // namespace bench
