@@ -1,5 +1,6 @@
 #include "messages.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <array>
@@ -87,7 +88,11 @@ Message receive_message(int socket) {
     ssize_t got = -1;
     do {
         got = recvmsg(socket, &header, MSG_CMSG_CLOEXEC);
-    } while (got < 0 && errno == EINTR);
+        if (got < 0 && errno == EAGAIN) {  // an event loop made the socket non-blocking
+            pollfd ready{socket, POLLIN, 0};
+            poll(&ready, 1, -1);
+        }
+    } while (got < 0 && (errno == EINTR || errno == EAGAIN));
     Message message;
     if (got <= 0) {
         return message;
