@@ -47,16 +47,15 @@ constinit const std::array<PortRecord, kPortCount> g_ports = {{
 }};
 
 const PortRecord* find_port(const int* mode, int platform_socket) {
-    for (const PortRecord& port : g_ports)
+    const PortRecord* found = nullptr;
+    int found_count = 0;
+    for (const PortRecord& port : g_ports) {
         if (&port.mode == mode)
             return &port;
-    const PortRecord* found = nullptr;
-    for (const PortRecord& port : g_ports) {
         if (platform_socket < 0 || load_shared(port.platform_socket) != platform_socket)
             continue;
-        if (found != nullptr)
-            return nullptr;
         found = &port;
+        ++found_count;
     }
-    return found;
+    return found_count == 1 ? found : nullptr;
 }

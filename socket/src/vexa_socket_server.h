@@ -9,7 +9,8 @@ inline constexpr int kUdpAtServerPort = 5555;
 int init_udp_at_server_socket(void);
 // Result of recvfrom; stores a NUL behind what came, so the area needs one byte more than
 // `recv_buf_len`. 0 for bad arguments.
-int recv_udp_cmd_from_client(int sockfd, char* recv_buf, int recv_buf_len, sockaddr_in* client_addr);
+int recv_udp_cmd_from_client(int sockfd, char* recv_buf, int recv_buf_len,
+                             sockaddr_in* client_addr);
 // Result of sendto; 0 for bad arguments.
 int send_udp_result_to_client(int sockfd, const char* send_buf, int send_buf_len,
                               const sockaddr_in* client_addr);
