@@ -29,13 +29,15 @@ constexpr std::size_t kLogTail = 6000;
 constexpr std::array kHostPaths{"/dev/at_usb0", "/dev/at_usb1", "/dev/ttyMSM1", "/dev/mhi_pipe_32"};
 constexpr std::array kChannelPaths{"/dev/at_mdm0", "/dev/smd7", "/dev/smd8"};
 
-std::string whole_file(int fd) {
+std::size_t file_size(int fd) {
     struct stat status {};
-    if (fstat(fd, &status) != 0) {
-        return "";
-    }
-    std::string text(static_cast<std::size_t>(status.st_size), '\0');
-    const ssize_t got = pread(fd, text.data(), text.size(), 0);
+    return fstat(fd, &status) == 0 ? static_cast<std::size_t>(status.st_size) : 0;
+}
+
+std::string whole_file(int fd, std::size_t from = 0) {
+    const std::size_t size = file_size(fd);
+    std::string text(size > from ? size - from : 0, '\0');
+    const ssize_t got = pread(fd, text.data(), text.size(), static_cast<off_t>(from));
     text.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
     return text;
 }
@@ -231,6 +233,14 @@ int Module::log_count(std::string_view text) const {
         ++count;
     }
     return count;
+}
+
+std::size_t Module::log_size() const {
+    return file_size(log_.get());
+}
+
+bool Module::log_has(std::string_view text, std::size_t from) const {
+    return whole_file(log_.get(), from).find(text) != std::string::npos;
 }
 
 void Module::wait_for_log(std::string_view text, int times, Here here) {
