@@ -77,6 +77,11 @@ struct StateFileRow {
     int state;
 };
 
+// Names the row in the list of tests.
+void PrintTo(const StateFileRow& row, std::ostream* out) {
+    *out << row.name;
+}
+
 class PcieStateFile : public testing::TestWithParam<StateFileRow> {};
 
 TEST_P(PcieStateFile, IsReadOrItsLackIsLogged) {
