@@ -52,25 +52,33 @@ void QmiAtClient::take_indication(qmi_client_type /*client*/, unsigned /*id*/, v
 }
 
 bool QmiAtClient::connect(Milliseconds at_most) {
+    qmi_service_info info{};
+    return (find_service(info) || wait_for_service(info, at_most)) &&
+           qmi_client_init(&info, service_object(), take_indication, this, &signal_, &client_) ==
+               QMI_NO_ERR;
+}
+
+bool QmiAtClient::find_service(qmi_service_info& info) {
+    unsigned entries = 1;
+    unsigned services = 0;
+    return qmi_client_get_service_list(service_object(), &info, &entries, &services) == QMI_NO_ERR;
+}
+
+bool QmiAtClient::wait_for_service(qmi_service_info& info, Milliseconds at_most) {
     const auto deadline = Clock::now() + at_most;
     qmi_client_type notifier = nullptr;
     if (qmi_client_notifier_init(service_object(), &signal_, &notifier) != QMI_NO_ERR)
         return false;
-    qmi_service_info info{};
-    unsigned entries = 1;
-    unsigned services = 0;
-    qmi_client_error_type result = QMI_SERVICE_ERR;
-    while (true) {
-        entries = 1;
-        result = qmi_client_get_service_list(service_object(), &info, &entries, &services);
+    bool is_found = find_service(info);
+    while (!is_found) {
         const auto left = std::chrono::ceil<Milliseconds>(deadline - Clock::now());
-        if (result == QMI_NO_ERR || left.count() <= 0)
+        if (left.count() <= 0)
             break;
         qmi_cci_os_signal_wait(&signal_, static_cast<unsigned>(left.count()));
+        is_found = find_service(info);
     }
     qmi_client_release(notifier);
-    return result == QMI_NO_ERR && qmi_client_init(&info, service_object(), take_indication, this,
-                                                   &signal_, &client_) == QMI_NO_ERR;
+    return is_found;
 }
 
 void QmiAtClient::disconnect() {

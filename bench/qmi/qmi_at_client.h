@@ -45,6 +45,8 @@ class QmiAtClient {
     void ask_later(std::string_view text, std::size_t announced, OnAnswer on_answer);
 
   private:
+    static bool find_service(qmi_service_info& info);
+    bool wait_for_service(qmi_service_info& info, std::chrono::milliseconds at_most);
     static void take_indication(qmi_client_type client, unsigned id, void* indication,
                                 unsigned length, void* self);
 
