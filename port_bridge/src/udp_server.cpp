@@ -68,26 +68,22 @@ bool is_served_client(const sockaddr_in& sender) {
            last_client().remote_addr.sin_port == sender.sin_port;
 }
 
-void close_send_socket() {
-    if (load_shared(g_loc_udp_at_server_send_socket) == -1)
-        return;
-    close(load_shared(g_loc_udp_at_server_send_socket));
-    store_shared(g_loc_udp_at_server_send_socket, -1);
-}
-
 // Answers to `sender` from now on, from a port of their own. False when no socket can be made.
 bool take_up_client(const sockaddr_in& sender) {
     last_client() = {1, sender};
     const MutexGuard guard(&g_client_mutex);
-    close_send_socket();
+    // The old number stands until the new one does: without the lock it is only compared with -1,
+    // and an answer that comes meanwhile waits for the new client instead of going to the device.
+    if (load_shared(g_loc_udp_at_server_send_socket) != -1)
+        close(load_shared(g_loc_udp_at_server_send_socket));
     const int send_socket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
+    store_shared(g_loc_udp_at_server_send_socket, send_socket);
     if (send_socket < 0) {
         perror("init_udp_at_server_send_socket error.");
         return false;
     }
     g_udp_sock_to_client_addr = sender;
     g_udp_sock_to_client_addr.sin_family = AF_INET;
-    store_shared(g_loc_udp_at_server_send_socket, send_socket);
     printf("!!!!!  the client we recv msg is a different one new fd:%d. !!!!!!!.\r\n", send_socket);
     return true;
 }
