@@ -16,6 +16,7 @@ constexpr const char* kHelp =
     "a line is an AT command; after a message prompt, the message; after CONNECT, data (+++ ends)\n"
     "  /esc                     give a message up\n"
     "  /raw TEXT                send bytes as they stand: \\r \\n \\t \\e \\xHH\n"
+    "  mux send 4 ATD*99#\\r      bytes on a channel (with --port mux); mux expect 4 CONNECT\n"
     "  /mhi connect [32|33]     the host opens the PCIe channels (with --pcie); also disconnect,\n"
     "                           configure\n"
     "  /log                     the end of what the daemon wrote\n"
@@ -28,6 +29,7 @@ Console::Console(BenchModule& module, std::unique_ptr<Road> road, bool interacti
 
 bool Console::start() {
     road_->on_output([this](std::string_view bytes) { heard(bytes); });
+    road_->on_aside([this](const std::string& line) { print(line); });
     const auto opened = [this] {
         for (const std::string& line : module_.summary()) {
             fprintf(stderr, "%s\n", line.c_str());
@@ -85,6 +87,8 @@ void Console::next_line() {
 void Console::carry_out(const std::string& line) {
     if (line.starts_with("/")) {
         own_command(line);
+    } else if (line.starts_with("mux ")) {
+        road_line(line);
     } else if (wants_text_) {
         send_text(line + "\x1a");
     } else if (reader_.in_data()) {
@@ -98,14 +102,30 @@ void Console::send_command(const std::string& line) {
     current_ = line;
     reader_.begin(line);
     results_left_ = results_expected(line);
+    limit_wait("no final result of ");
+    road_->send(line + "\r");
+}
+
+// A line in the road's own language; what it waits for, the road knows.
+void Console::road_line(const std::string& line) {
+    current_ = line;
+    results_left_ = 1;
+    road_decides_ = true;
+    limit_wait("waited in vain for ");
+    if (!road_->carry_out(line, [this] { command_done(true); })) {
+        print("no such command here: " + line);
+        command_done(false);
+    }
+}
+
+void Console::limit_wait(const char* complaint) {
     if (!interactive_) {
         const auto time = Milliseconds{static_cast<int>(module_.options().time_out * 1000)};
-        timer_ = module_.loop().after(time, [this] {
-            fprintf(stderr, "no final result of %s\n", current_.c_str());
+        timer_ = module_.loop().after(time, [this, complaint] {
+            fprintf(stderr, "%s%s\n", complaint, current_.c_str());
             command_done(false);
         });
     }
-    road_->send(line + "\r");
 }
 
 void Console::send_text(const std::string& text) {
@@ -188,7 +208,7 @@ void Console::got_final(const std::string&) {
     if (interactive_) {
         input_->set_prompt(std::string(reader_.in_data() ? kDataPrompt : kPrompt));
     }
-    if (results_left_ > 0 && --results_left_ == 0) {
+    if (results_left_ > 0 && !road_decides_ && --results_left_ == 0) {
         command_done(true);
     }
 }
@@ -196,6 +216,7 @@ void Console::got_final(const std::string&) {
 void Console::command_done(bool answered) {
     module_.loop().cancel(timer_);
     results_left_ = 0;
+    road_decides_ = false;
     wants_text_ = false;
     all_answered_ = all_answered_ && answered;
     if (!interactive_) {

@@ -31,6 +31,8 @@ class Console {
     void next_line();
     void carry_out(const std::string& line);
     void send_command(const std::string& line);
+    void road_line(const std::string& line);
+    void limit_wait(const char* complaint);
     void send_text(const std::string& text);
     void send_data(const std::string& line);
     void own_command(const std::string& line);
@@ -50,7 +52,8 @@ class Console {
     std::deque<std::string> lines_;
     std::string current_;  // the command being answered
     int results_left_ = 0;
-    bool wants_text_ = false;  // the module asked for message text
+    bool road_decides_ = false;  // a line of the road's is being carried out
+    bool wants_text_ = false;    // the module asked for message text
     bool ended_ = false;
     bool all_answered_ = true;
     int timer_ = 0;

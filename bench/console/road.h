@@ -22,13 +22,25 @@ class Road {
         return true;
     }
     virtual void send(std::string_view bytes) = 0;
+    // A line of the road's own language (such as "mux send 2 AT\r"); false: it is none. Calls back,
+    // after it returned, when the line is done.
+    virtual bool carry_out(const std::string& /*line*/, std::function<void()> /*done*/) {
+        return false;
+    }
     // One line for the person at the console: where the commands go.
     virtual std::string title() const = 0;
 
     void on_output(std::function<void(std::string_view)> heard) { heard_ = std::move(heard); }
+    // What comes beside the conversation, a line each.
+    void on_aside(std::function<void(const std::string&)> heard) { aside_ = std::move(heard); }
     const std::string& error() const { return error_; }
 
   protected:
+    void aside(const std::string& line) {
+        if (aside_) {
+            aside_(line);
+        }
+    }
     void heard(std::string_view bytes) {
         if (heard_) {
             heard_(bytes);
@@ -41,6 +53,7 @@ class Road {
 
   private:
     std::function<void(std::string_view)> heard_;
+    std::function<void(const std::string&)> aside_;
     std::string error_;
 };
 

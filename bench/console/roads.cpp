@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "bench_module.h"
-#include "mux_host.h"
+#include "mux_road.h"
 #include "road.h"
 
 namespace bench {
@@ -68,52 +68,6 @@ class UdpRoad : public Road {
 
     BenchModule& module_;
     UniqueFd socket_;
-};
-
-class MuxRoad : public Road {
-  public:
-    explicit MuxRoad(BenchModule& module) : module_(module) {}
-
-    bool open(std::function<void()> opened) override {
-        opened_ = std::move(opened);
-        module_.on_port_output(kUartHostPort, [this](std::string_view bytes) {
-            host_.received(bytes);
-            carry();
-        });
-        host_.open();
-        carry();
-        return true;
-    }
-    void send(std::string_view bytes) override {
-        host_.send(kMuxCommandChannel, bytes);
-        carry();
-    }
-    std::string title() const override {
-        return "channel " + std::to_string(kMuxCommandChannel) +
-               " of the multiplexer on the UART port";
-    }
-
-  private:
-    void carry() {
-        const std::string output = host_.take_output();
-        if (!output.empty()) {
-            module_.write_port(kUartHostPort, output);
-        }
-        if (opened_ && host_.is_open()) {
-            const auto opened = std::exchange(opened_, nullptr);
-            opened();
-        }
-        for (const int dlci : {kMuxCommandChannel, kMuxDialChannel}) {
-            const std::string text = host_.heard(dlci);
-            if (!text.empty() && host_.take(dlci, text)) {
-                heard(text);
-            }
-        }
-    }
-
-    BenchModule& module_;
-    MuxHost host_;
-    std::function<void()> opened_;
 };
 
 }  // namespace
