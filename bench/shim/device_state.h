@@ -49,8 +49,9 @@ struct DeviceState {
     Word polls;     // polls begun with this device in the set
     Word settings;  // tcsetattr calls that went through
     Word last_settings_speed;
+    Word polls_since_open;  // polls begun since the last success of open: 1 says it is served
 };
-static_assert(sizeof(DeviceState) == 24 * 4);
+static_assert(sizeof(DeviceState) == 25 * 4);
 static_assert(Word::is_always_lock_free);
 
 struct ModuleState {

@@ -145,6 +145,7 @@ int open_device(const char* path, int flags, Open really) {
     const int fd = is_socket(path) ? open_channel(path, flags) : really();
     if (fd >= 0) {
         remember(fd, tag);
+        device.polls_since_open = 0;
         ++device.opens;
     }
     return fd;
@@ -230,6 +231,7 @@ int poll_devices(pollfd* fds, nfds_t count, Wait wait) {
     for (nfds_t at = 0; at < count; ++at) {
         if (DeviceState* device = device_of(fds[at].fd)) {
             ++device->polls;
+            ++device->polls_since_open;
         }
     }
     for (;;) {

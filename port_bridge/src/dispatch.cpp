@@ -102,9 +102,11 @@ void count_answer(const thread_info_t& tinfo, int64_t elapsed_ns) {
 }
 
 int send_to_cp(const Command& command) {
+    // Kept before the write: CP may answer CONNECT before this thread runs again, and its reader
+    // then looks for the dial.
+    keep_last_line(command);
     int used_fd = -1;
     const int written = write_line_to_cp(command, used_fd);
-    keep_last_line(command);
     if (written < 0) {
         VEXA_LOG("send_atcmd_to_cp close_fd_mutexed 1 '%d'...%d.%d.\n", used_fd, 0, 0);
         close_cp(*command.tinfo);
