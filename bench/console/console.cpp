@@ -6,6 +6,7 @@
 namespace bench {
 namespace {
 
+constexpr auto kEscapeGuard = std::chrono::seconds(1);
 constexpr std::string_view kPrompt = "AT> ";
 constexpr std::string_view kTextPrompt = "text> ";
 constexpr std::string_view kDataPrompt = "data> ";
@@ -27,25 +28,27 @@ constexpr const char* kHelp =
 Console::Console(BenchModule& module, std::unique_ptr<Road> road, bool interactive)
     : module_(module), road_(std::move(road)), interactive_(interactive) {}
 
-bool Console::start() {
+bool Console::open(std::function<void()> opened) {
     road_->on_output([this](std::string_view bytes) { heard(bytes); });
     road_->on_aside([this](const std::string& line) { print(line); });
-    const auto opened = [this] {
-        for (const std::string& line : module_.summary()) {
-            fprintf(stderr, "%s\n", line.c_str());
-        }
-        fprintf(stderr, "AT commands go to %s%s\n", road_->title().c_str(),
-                interactive_ ? "; /help tells more, Ctrl-D ends" : "");
-        const auto took = [this](const std::string& line) { took_line(line); };
-        const auto ended = [this] { input_ended(); };
-        input_ = interactive_ ? make_terminal_input(module_.loop(), took, ended)
-                              : make_stream_input(module_.loop(), took, ended);
-    };
-    if (!road_->open(opened)) {
+    if (!road_->open(std::move(opened))) {
         error_ = road_->error();
         return false;
     }
     return true;
+}
+
+void Console::run() {
+    for (const std::string& line : module_.summary()) {
+        fprintf(stderr, "%s\n", line.c_str());
+    }
+    fprintf(stderr, "AT commands go to %s%s\n", road_->title().c_str(),
+            interactive_ ? "; /help tells more, Ctrl-D ends" : "");
+    const auto took = [this](const std::string& line) { took_line(line); };
+    const auto ended = [this] { input_ended(); };
+    input_ = interactive_ ? make_terminal_input(module_.loop(), took, ended)
+                          : make_stream_input(module_.loop(), took, ended);
+    input_->run();
 }
 
 void Console::took_line(const std::string& line) {
@@ -99,32 +102,20 @@ void Console::carry_out(const std::string& line) {
 }
 
 void Console::send_command(const std::string& line) {
-    current_ = line;
     reader_.begin(line);
     results_left_ = results_expected(line);
-    limit_wait("no final result of ");
+    wait_for(line, "no final result of ");
     road_->send(line + "\r");
 }
 
 // A line in the road's own language; what it waits for, the road knows.
 void Console::road_line(const std::string& line) {
-    current_ = line;
     results_left_ = 1;
     road_decides_ = true;
-    limit_wait("waited in vain for ");
+    wait_for(line, "waited in vain for ");
     if (!road_->carry_out(line, [this] { command_done(true); })) {
         print("no such command here: " + line);
         command_done(false);
-    }
-}
-
-void Console::limit_wait(const char* complaint) {
-    if (!interactive_) {
-        const auto time = Milliseconds{static_cast<int>(module_.options().time_out * 1000)};
-        timer_ = module_.loop().after(time, [this, complaint] {
-            fprintf(stderr, "%s%s\n", complaint, current_.c_str());
-            command_done(false);
-        });
     }
 }
 
@@ -136,15 +127,28 @@ void Console::send_text(const std::string& text) {
     road_->send(text);
 }
 
-// "+++" ends a data connection, alone and without a line end; its result is waited for.
+// "+++" ends a data connection: without a line end, and alone, so what was sent before it gets time
+// to be read first. Its result is waited for.
 void Console::send_data(const std::string& line) {
     if (line != "+++") {
         road_->send(line + "\r\n");
         return;
     }
-    current_ = line;
     results_left_ = 1;
-    road_->send(line);
+    wait_for(line, "no final result of ");
+    module_.loop().after(kEscapeGuard, [this, line] { road_->send(line); });
+}
+
+void Console::wait_for(const std::string& command, const char* complaint) {
+    current_ = command;
+    if (interactive_) {
+        return;
+    }
+    const auto time = Milliseconds{static_cast<int>(module_.options().time_out * 1000)};
+    timer_ = module_.loop().after(time, [this, complaint] {
+        fprintf(stderr, "%s%s\n", complaint, current_.c_str());
+        command_done(false);
+    });
 }
 
 void Console::own_command(const std::string& line) {
@@ -197,6 +201,9 @@ void Console::heard(std::string_view bytes) {
 
 void Console::got_prompt() {
     wants_text_ = true;
+    if (input_ == nullptr) {
+        return;
+    }
     if (interactive_) {
         input_->set_prompt(std::string(kTextPrompt));
     } else {
@@ -205,7 +212,7 @@ void Console::got_prompt() {
 }
 
 void Console::got_final(const std::string&) {
-    if (interactive_) {
+    if (interactive_ && input_ != nullptr) {
         input_->set_prompt(std::string(reader_.in_data() ? kDataPrompt : kPrompt));
     }
     if (results_left_ > 0 && !road_decides_ && --results_left_ == 0) {

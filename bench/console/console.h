@@ -3,6 +3,7 @@
 #pragma once
 
 #include <deque>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -18,8 +19,10 @@ class Console {
   public:
     Console(BenchModule& module, std::unique_ptr<Road> road, bool interactive);
 
-    // Opens the road and takes lines until there are no more; the loop is stopped then.
-    bool start();
+    // Opens the road; calls back when commands can be sent.
+    bool open(std::function<void()> opened);
+    // Takes lines until there are no more, or until the loop is stopped.
+    void run();
     const std::string& error() const { return error_; }
     // 0 when every command got a final result, 1 otherwise.
     int status() const { return all_answered_ ? 0 : 1; }
@@ -32,9 +35,10 @@ class Console {
     void carry_out(const std::string& line);
     void send_command(const std::string& line);
     void road_line(const std::string& line);
-    void limit_wait(const char* complaint);
     void send_text(const std::string& text);
     void send_data(const std::string& line);
+    // Its time begins; not on a terminal, where the person decides.
+    void wait_for(const std::string& command, const char* complaint);
     void own_command(const std::string& line);
     void mhi_command(const std::string& arguments);
     void heard(std::string_view bytes);

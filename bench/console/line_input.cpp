@@ -1,6 +1,6 @@
 #include "line_input.h"
 
-#include <editline/readline.h>
+#include <histedit.h>
 #include <sys/epoll.h>
 #include <unistd.h>
 
@@ -43,7 +43,10 @@ class InputWatch {
 class StreamInput : public LineInput {
   public:
     StreamInput(Loop& loop, TookLine took, Ended ended)
-        : took_(std::move(took)), ended_(std::move(ended)), watch_(loop, [this] { take_bytes(); }) {
+        : loop_(loop),
+          took_(std::move(took)),
+          ended_(std::move(ended)),
+          watch_(loop, [this] { take_bytes(); }) {
         if (watch_.is_file()) {
             loop.after(std::chrono::milliseconds(0), [this] {
                 while (take_bytes()) {
@@ -51,6 +54,8 @@ class StreamInput : public LineInput {
             });
         }
     }
+
+    void run() override { loop_.run(); }
 
     void print(const std::string& text) override {
         puts(text.c_str());
@@ -82,64 +87,124 @@ class StreamInput : public LineInput {
         return true;
     }
 
+    Loop& loop_;
     TookLine took_;
     Ended ended_;
     InputWatch watch_;
     std::string rest_;
 };
 
-// The library's callback knows no object of ours; there is one terminal.
-class TerminalInput;
-TerminalInput* g_terminal = nullptr;
-
+// While the library waits for a key, the loop runs.
 class TerminalInput : public LineInput {
   public:
     TerminalInput(Loop& loop, TookLine took, Ended ended)
-        : took_(std::move(took)),
+        : loop_(loop),
+          took_(std::move(took)),
           ended_(std::move(ended)),
-          watch_(loop, [] { rl_callback_read_char(); }) {
-        g_terminal = this;
-        rl_initialize();
-        install();
+          watch_(loop, [this] { is_readable_ = true; }),
+          editor_(el_init("vexa-bench", stdin, stdout, stderr)),
+          history_(history_init()) {
+        HistEvent event;
+        history(history_, &event, H_SETSIZE, kHistoryLines);
+        el_set(editor_, EL_CLIENTDATA, this);
+        el_set(editor_, EL_PROMPT, &TerminalInput::prompt);
+        el_set(editor_, EL_EDITOR, "emacs");
+        el_set(editor_, EL_HIST, history, history_);
+        el_set(editor_, EL_GETCFN, &TerminalInput::next_key);
     }
     ~TerminalInput() override {
-        rl_callback_handler_remove();
-        g_terminal = nullptr;
+        history_end(history_);
+        el_end(editor_);
+    }
+    TerminalInput(const TerminalInput&) = delete;
+    TerminalInput& operator=(const TerminalInput&) = delete;
+
+    void run() override {
+        loop_.resume();
+        for (;;) {
+            int size = 0;
+            const char* text = el_gets(editor_, &size);
+            if (text == nullptr || size <= 0) {
+                puts("");
+                ended_();
+                return;
+            }
+            std::string line(text, static_cast<std::size_t>(size));
+            while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) {
+                line.pop_back();
+            }
+            if (!line.empty()) {
+                HistEvent event;
+                history(history_, &event, H_ENTER, line.c_str());
+            }
+            took_(line);
+            if (loop_.is_stopped()) {
+                return;
+            }
+        }
     }
 
     // Over the line being typed, which is shown again below.
     void print(const std::string& text) override {
         printf("\r\x1b[K%s\n", text.c_str());
         fflush(stdout);
-        rl_forced_update_display();
+        show_line();
     }
 
     void set_prompt(const std::string& prompt) override {
+        if (prompt == prompt_) {
+            return;
+        }
         prompt_ = prompt;
-        rl_set_prompt(prompt_.c_str());
-        rl_forced_update_display();
+        if (is_waiting_) {
+            printf("\r\x1b[K");
+            fflush(stdout);
+            show_line();
+        }
     }
 
   private:
-    void install() { rl_callback_handler_install(prompt_.c_str(), &TerminalInput::took); }
+    static constexpr int kHistoryLines = 200;
 
-    static void took(char* line) {
-        const std::unique_ptr<char, void (*)(void*)> owned(line, free);
-        if (line == nullptr) {
-            puts("");
-            g_terminal->watch_.stop();
-            g_terminal->ended_();
-            return;
-        }
-        if (*line != '\0') {
-            add_history(line);
-        }
-        g_terminal->took_(line);
+    static TerminalInput* self(EditLine* editor) {
+        void* data = nullptr;
+        el_get(editor, EL_CLIENTDATA, &data);
+        return static_cast<TerminalInput*>(data);
     }
 
+    // Between two lines the library shows the prompt by itself.
+    void show_line() {
+        if (is_waiting_) {
+            el_set(editor_, EL_REFRESH);
+        }
+    }
+
+    static char* prompt(EditLine* editor) { return self(editor)->prompt_.data(); }
+
+    static int next_key(EditLine* editor, wchar_t* key) {
+        TerminalInput* input = self(editor);
+        input->is_readable_ = false;
+        input->is_waiting_ = true;
+        while (!input->is_readable_ && !input->loop_.is_stopped()) {
+            input->loop_.run_once();
+        }
+        input->is_waiting_ = false;
+        unsigned char byte = 0;
+        if (input->loop_.is_stopped() || read(STDIN_FILENO, &byte, 1) != 1) {
+            return 0;
+        }
+        *key = byte;
+        return 1;
+    }
+
+    Loop& loop_;
     TookLine took_;
     Ended ended_;
+    bool is_readable_ = false;
+    bool is_waiting_ = false;  // for a key
     InputWatch watch_;
+    EditLine* editor_;
+    History* history_;
     std::string prompt_ = "AT> ";
 };
 

@@ -15,6 +15,8 @@ class LineInput {
     using Ended = std::function<void()>;
 
     virtual ~LineInput() = default;
+    // Runs the loop and takes lines until the loop is stopped.
+    virtual void run() = 0;
     // Text that comes in the middle of a line being typed.
     virtual void print(const std::string& text) = 0;
     virtual void set_prompt(const std::string& prompt) = 0;

@@ -132,10 +132,18 @@ void Loop::on_signal(int number, std::function<void()> came) {
 }
 
 void Loop::run() {
-    uv_run(&loop_, UV_RUN_DEFAULT);
+    resume();
+    while (!is_stopped_) {
+        run_once();
+    }
+}
+
+void Loop::run_once() {
+    uv_run(&loop_, UV_RUN_ONCE);
 }
 
 void Loop::stop() {
+    is_stopped_ = true;
     uv_stop(&loop_);
 }
 

@@ -24,15 +24,21 @@ class Loop {
     void cancel(int timer);
     void on_signal(int number, std::function<void()> came);
 
+    // Until stop.
     void run();
-    // run returns when what is being served now is done.
+    // Waits for something to serve, and serves it.
+    void run_once();
     void stop();
+    // Makes run_once serve again.
+    void resume() { is_stopped_ = false; }
+    bool is_stopped() const { return is_stopped_; }
 
   private:
     uv_loop_t loop_{};
     std::map<int, uv_poll_t*> polls_;
     std::map<int, uv_timer_t*> timers_;
     int next_timer_ = 1;
+    bool is_stopped_ = false;
 };
 
 }  // namespace bench

@@ -39,12 +39,15 @@ int run(const bench::BenchOptions& options) {
         end(1);
     });
     module.when_ready([&] {
-        if (!console.start()) {
+        if (!console.open([&loop] { loop.stop(); })) {
             fprintf(stderr, "vexa-bench: %s\n", console.error().c_str());
             end(1);
         }
     });
     loop.run();
+    if (status < 0) {
+        console.run();
+    }
     return status >= 0 ? status : console.status();
 }
 
