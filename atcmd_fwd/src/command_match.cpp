@@ -2,6 +2,7 @@
 
 #include <strings.h>
 
+#include <cstdio>
 #include <cstring>
 #include <span>
 #include <string_view>
@@ -30,8 +31,11 @@ class LineName {
 
     bool is(const char* name) {
         measure();
-        return length_ >= 0 && static_cast<std::size_t>(length_) == strlen(name) &&
-               strncasecmp(line_, name, static_cast<std::size_t>(length_)) == 0;
+        if (length_ < 0 || static_cast<std::size_t>(length_) != strlen(name) ||
+            strncasecmp(line_, name, static_cast<std::size_t>(length_)) != 0)
+            return false;
+        puts("vexa_strmatch equal.\r");
+        return true;
     }
 
     bool is_any_of(Names names) {

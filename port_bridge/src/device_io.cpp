@@ -30,7 +30,8 @@ int write_all(int to_fd, const char* to_filename, int bytes_to_write, const char
     int retry_count = 0;
     while (bytes_remaining > 0) {
         if (!log_goes_to_diag())
-            VEXA_LOG("====>>>bytes_remaining :%d,%d,%d. \r\n", bytes_remaining, 0, 0);
+            print_log_line(__func__, __LINE__, "====>>>bytes_remaining :%d,%d,%d. \r\n",
+                           bytes_remaining, 0, 0);
         errno = 0;  // a write of 0 bytes leaves it alone, and an old EAGAIN is not this write's
         num_written = static_cast<int>(write(to_fd, buffer + (bytes_to_write - bytes_remaining),
                                              static_cast<std::size_t>(bytes_remaining)));

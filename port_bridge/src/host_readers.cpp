@@ -84,10 +84,24 @@ void give_back_response_wait(const PortRecord& port) {
 
 enum class Next { go_on, end, end_at_once };
 
+// Each reader's own copy of its record. Others reach it by tinfo_for_mux, and may hold the pointer
+// when a reader ends: hence not on its stack.
+constinit std::array<thread_info_t, kInputSourceCount> g_reader_infos = {};
+
+thread_info_t& own_copy(InputSource source, const thread_info_t& info) {
+    thread_info_t& copy = g_reader_infos[static_cast<std::size_t>(source)];
+    copy = info;
+    return copy;
+}
+
 class HostReader {
   public:
     HostReader(const HostMember& member, const thread_info_t& info)
-        : member_(member), port_(g_ports[member.port]), info_(info), device_(source_of(info_)) {}
+        : member_(member),
+          port_(g_ports[member.port]),
+          source_(info.pcie_valid != 0 ? InputSource::pcie_pipe : member.source),
+          info_(own_copy(source_, info)),
+          device_(source_of(info_)) {}
 
     void run();
 
@@ -108,7 +122,8 @@ class HostReader {
 
     const HostMember& member_;
     const PortRecord& port_;
-    thread_info_t info_;  // a copy of the reader's own; others reach it by tinfo_for_mux
+    const InputSource source_;
+    thread_info_t& info_;
     const DeviceEnd device_;
     bool is_open_ = false;  // as far as this reader knows
     short revents_ = 0;
@@ -127,7 +142,7 @@ void HostReader::run() {
 
 void HostReader::start() {
     puts(member_.entry_text);
-    bind_input_source(info_.pcie_valid != 0 ? InputSource::pcie_pipe : member_.source);
+    bind_input_source(source_);
     store_shared(*member_.tinfo_for_mux, &info_);
     if (load_shared(port_.platform_socket) < 0)
         member_.init_socket();
@@ -147,6 +162,7 @@ Next HostReader::pass() {
     if (!wait_for_pipe())
         return Next::end;
     if (load_device(device_) < 0) {
+        after_close_elsewhere();  // it may have come since, and the gate may have taken long
         const Next next = member_.is_uart ? open_uart() : open_port();
         if (next != Next::go_on || !is_open_)
             return next;

@@ -13,6 +13,10 @@ inline constexpr uint32_t kDiagLevel = 2;
 // The diagnostic channel carries the function's name and at most this many arguments.
 inline constexpr std::size_t kDiagArguments = 3;
 
+// Not constexpr on purpose: to reach it makes the message fail to compile. A width or precision
+// given as an argument ("%.*s") would take two of the channel's few arguments.
+void log_formats_have_no_star();
+
 // A format for the diagnostic channel: cut before the first conversion that has no argument there,
 // so that the channel never follows one that was not passed.
 template <std::size_t size>
@@ -23,6 +27,8 @@ consteval std::array<char, size> diag_format(const char (&format)[size]) {
         const bool is_percent_sign = format[i] == '%' && format[i + 1] == '%';
         if (format[i] == '%' && !is_percent_sign && ++conversions > kDiagArguments + 1)
             break;
+        if (format[i] == '*')
+            log_formats_have_no_star();
         text[i] = format[i];
         if (is_percent_sign) {
             ++i;

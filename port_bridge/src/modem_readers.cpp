@@ -170,8 +170,7 @@ class GlinkReader {
 void GlinkReader::pass() {
     const DeviceEnd& device = channel_.device();
     VEXA_LOG("%s while.%s:%d,to_fd:%d,from_fd:%d.\r\n", member_.name, member_.host_fd_name,
-             load_device(destination_of(info_)), load_device(destination_of(info_)),
-             load_device(device));
+             load_shared(*info_.to_fd), load_shared(*info_.to_fd), load_shared(*device.slot));
     // An intent belongs to the descriptor it was queued on, whoever closed that.
     if (channel_.open_if_closed())
         intent_queued_ = false;
@@ -261,6 +260,8 @@ bool GlinkReader::deliver(int length) {
     const bool is_multiplexed = member_.mux_dlc != nullptr && load_shared(g_uart_port_status) == 1;
     if (!is_multiplexed || member_.tracks_modes_on_mux)
         track_modes(length);
+    VEXA_LOG("Attempting to write to '%s'...to_fd:%d.\r\n", info_.to_file_path,
+             load_shared(*info_.to_fd));
     if (is_multiplexed)
         return deliver_multiplexed(length);
     if (info_.to_fd_pcie == nullptr || !is_pcie_live())
@@ -270,7 +271,6 @@ bool GlinkReader::deliver(int length) {
 }
 
 bool GlinkReader::deliver_to(const DeviceEnd& host, int length) {
-    VEXA_LOG("Attempting to write to '%s'...to_fd:%d.\r\n", host.path, load_device(host));
     if (write_chunk(host, chunk_, length) >= 0)
         return true;
     after_host_write_failed(host);

@@ -79,6 +79,7 @@ void append_payload(Answer& answer, std::string_view payload) {
 
 // False for a bad head; the packs before it stay in the answer.
 bool gather_packs(std::string_view received, Answer& answer, vexa_ext_info* ext_info) {
+    char payload_text[kReceivedPayloadMax + 1];
     for (std::size_t offset = 0; offset < received.size();) {
         const ReceivedPack pack = first_pack(received.substr(offset));
         if (pack.verdict == PackVerdict::bad_head) {
@@ -96,13 +97,14 @@ bool gather_packs(std::string_view received, Answer& answer, vexa_ext_info* ext_
                  pack.msg_head.txn_id, static_cast<int>(pack.msg_head.msg_type),
                  pack.msg_head.msg_not_finish);
         append_payload(answer, pack.payload);
+        pack.payload.copy(payload_text, kReceivedPayloadMax);
+        payload_text[pack.payload.size()] = '\0';
         const std::size_t next = offset + kPackHeadsSize + pack.payload.size();
         VEXA_LOG(
-            "mulit_pack_offset:%d, offset:%d, each_payload_buf:(%.*s), buf:(%s), "
+            "mulit_pack_offset:%d, offset:%d, each_payload_buf:(%s), buf:(%s), "
             "each_len_without_head:%d, total_payload_len:%d. \r\n",
-            static_cast<int>(next), static_cast<int>(offset), static_cast<int>(pack.payload.size()),
-            pack.payload.data(), answer.text, static_cast<int>(pack.payload.size()),
-            static_cast<int>(answer.total));
+            static_cast<int>(next), static_cast<int>(offset), payload_text, answer.text,
+            static_cast<int>(pack.payload.size()), static_cast<int>(answer.total));
         offset = next;
     }
     return true;

@@ -1,6 +1,8 @@
 // The log facility: both sinks, and the stand-in behind the diagnostic one.
 #include "log.h"
 
+#include <sys/socket.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -10,9 +12,11 @@
 #include <sstream>
 #include <string>
 
+#include "platform_pack.h"
 #include "shared_int.h"
 #include "start_trace.h"
 #include "vexa_common_def.h"
+#include "vexa_socket_client.h"
 
 namespace {
 
@@ -120,6 +124,26 @@ TEST(StartTrace, LineNamesThreadFunctionAndKind) {
                              "Unsupported target: x\n\\[thread 0x[0-9a-f]+\\] +TestBody, *[0-9]+ "
                              "\\(INFO\\):    SMD transport supported!!"));
     EXPECT_EQ(written.find("TestBody"), written.find(']') + 2 + 30 - 8);
+}
+
+// The command that turns the diagnostic channel on is answered by the platform itself.
+TEST_F(LogTest, APlatformAnswerGoesToTheDiagnosticChannel) {
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    std::string pack(kPackHeadsSize + 6, '\0');
+    build_pack(pack, CMD_AT_CMD, "\r\nOK\r\n");
+    pack += pack;
+    ASSERT_EQ(write(ends[1], pack.data(), pack.size()), static_cast<ssize_t>(pack.size()));
+    store_shared(g_qxdm_log, 1);
+    std::string answer(kTextAreaSize, '\0');
+    vexa_ext_info info{};
+    EXPECT_EQ(client_recv_data_from_platform(ends[0], answer.data(), kDeviceReadSize, MSG_DONTWAIT,
+                                             &info),
+              12);
+    EXPECT_NE(diag_text().find("mulit_pack_offset:50, offset:0, each_payload_buf:("),
+              std::string::npos);
+    close(ends[0]);
+    close(ends[1]);
 }
 
 }  // namespace
