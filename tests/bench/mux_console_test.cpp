@@ -1,32 +1,12 @@
 // The console on a multiplexed UART: a script from a pipe, the daemon, the modem and the platform.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
-#include <array>
-#include <cstdio>
-#include <string>
-
-#include "module_space.h"
+#include "console_run.h"
 
 namespace {
 
-struct Outcome {
-    int status = -1;
-    std::string output;
-};
-
-// `script` must not hold a single quote.
 Outcome run(const std::string& script, const std::string& options) {
-    const std::string command = "printf '%s\\n' '" + script + "' | " + bench::program_folder() +
-                                "/vexa-bench --port mux " + options + " 2>&1";
-    std::FILE* const pipe = popen(command.c_str(), "re");
-    Outcome outcome;
-    std::array<char, 4096> area;
-    while (pipe != nullptr && std::fgets(area.data(), static_cast<int>(area.size()), pipe))
-        outcome.output += area.data();
-    const int status = pipe == nullptr ? -1 : pclose(pipe);
-    outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return outcome;
+    return run_console(script, "--port mux " + options);
 }
 
 TEST(MuxConsole, CommandsAnswersAndADialChannelBesideThem) {
