@@ -307,4 +307,25 @@ TEST_P(CoreReaders, WriterThatMeetsTheHangUpFirstDropsDtrAllTheSame) {
     EXPECT_EQ(channel_device().modem_sets(), 20);
 }
 
+// The pauses of 1 to 5 s are the rule under test, on both channels at the same time.
+TEST(CoreWrites, FiveRefusalsLoseNothingAndSixFail) {
+    Module module;
+    DeviceControl patient = module.device("/dev/at_mdm0");
+    DeviceControl failing = module.device("/dev/smd7");
+    patient.fail_writes(EAGAIN, 5);
+    failing.fail_writes(EAGAIN, 6);
+    module.modem_port().write("AT+CREG?\r");
+    module.at_port().write("AT+CFUN?\r");
+    module.modem_channel().expect("AT+CREG?\r");
+    module.modem_channel().send("\r\nOK\r\n");
+    module.modem_port().expect("\r\nOK\r\n");
+    EXPECT_EQ(patient.write_calls(), 6);
+    EXPECT_EQ(patient.opens(), 1);
+
+    module.wait_until([&] { return failing.is_served(2); }, "the channel to be opened again");
+    EXPECT_EQ(failing.write_calls(), 6);
+    module.at_port().write("AT+CREG?\r");
+    module.at_channel().expect("AT+CREG?\r");
+}
+
 }  // namespace

@@ -188,4 +188,15 @@ TEST(CoreStart, ChironWithAnyOtherConfigurationServesUsb) {
     }
 }
 
+TEST(CoreStart, TwoReadersOfThePipeAreWarnedOfOnce) {
+    ModuleOptions options;
+    options.target = 36;
+    options.files[kConfig] = "3\n";
+    options.files["/dev/mhi_ctrl"] = "";
+    options.ready_devices = {kPipe, "/dev/at_mdm0", "/dev/at_usb1", "/dev/smd7"};
+    Module module(options);
+    EXPECT_EQ(module.log_count("warning: /dev/mhi_pipe_32 is read by the main pair and by"), 1);
+    EXPECT_EQ(module.log_count("pcie_atport_to_modem_bridge pthread_create suceess....0,0,0."), 1);
+}
+
 }  // namespace
