@@ -316,7 +316,7 @@ void BenchModule::take_exits() {
 void BenchModule::when_ready(std::function<void()> ready) {
     ready_ = std::move(ready);
     play_modem();
-    look_if_ready();
+    loop_.after(0ms, [this] { look_if_ready(); });  // never before the loop runs
 }
 
 bool BenchModule::is_ready() {

@@ -6,6 +6,7 @@
 namespace bench {
 namespace {
 
+constexpr std::string_view kEscape = "+++";
 constexpr auto kEscapeGuard = std::chrono::seconds(1);
 constexpr std::string_view kPrompt = "AT> ";
 constexpr std::string_view kTextPrompt = "text> ";
@@ -128,15 +129,24 @@ void Console::send_text(const std::string& text) {
 }
 
 // "+++" ends a data connection: without a line end, and alone, so what was sent before it gets time
-// to be read first. Its result is waited for.
+// to be read first. When it was read together with that all the same, it is data; so once more.
 void Console::send_data(const std::string& line) {
-    if (line != "+++") {
+    if (line != kEscape) {
         road_->send(line + "\r\n");
         return;
     }
     results_left_ = 1;
     wait_for(line, "no final result of ");
-    module_.loop().after(kEscapeGuard, [this, line] { road_->send(line); });
+    send_escape_later();
+}
+
+void Console::send_escape_later() {
+    module_.loop().after(kEscapeGuard, [this] {
+        if (results_left_ > 0 && current_ == kEscape) {
+            road_->send(kEscape);
+            send_escape_later();
+        }
+    });
 }
 
 void Console::wait_for(const std::string& command, const char* complaint) {

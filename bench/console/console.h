@@ -37,6 +37,7 @@ class Console {
     void road_line(const std::string& line);
     void send_text(const std::string& text);
     void send_data(const std::string& line);
+    void send_escape_later();
     // Its time begins; not on a terminal, where the person decides.
     void wait_for(const std::string& command, const char* complaint);
     void own_command(const std::string& line);
