@@ -80,12 +80,25 @@ void keep_last_line(const Command& command) {
         command.port->last_line.assign({command.text, static_cast<std::size_t>(command.length)});
 }
 
-// Tells the readers that an answer of CP is awaited on the port that the line came from.
-void mark_sent(const thread_info_t& tinfo) {
-    for (const PortRecord& port : g_ports)
-        if (path_holds(tinfo.from_file_path, port.host_path))
-            store_shared(port.send_done, 1);
-}
+// Tells the readers that an answer of CP is awaited on the port that the line came from. Done
+// before the write, and taken back when that fails: CP may answer before write() returns, and a
+// mark that its final result did not find would hold up the platform's next answer.
+class SentMark {
+  public:
+    explicit SentMark(const thread_info_t& tinfo) {
+        for (const PortRecord& port : g_ports)
+            if (path_holds(tinfo.from_file_path, port.host_path) &&
+                move_shared(port.send_done, 0, 1))
+                marked_ = &port;
+    }
+    void take_back() const {
+        if (marked_ != nullptr)
+            store_shared(marked_->send_done, 0);
+    }
+
+  private:
+    const PortRecord* marked_ = nullptr;  // null also when an answer was awaited already
+};
 
 void count_answer(const thread_info_t& tinfo, int64_t elapsed_ns) {
     bool is_counted = false;
@@ -106,13 +119,13 @@ int send_to_cp(const Command& command) {
     // then looks for the dial.
     keep_last_line(command);
     int used_fd = -1;
-    const int written = write_line_to_cp(command, used_fd);
-    if (written < 0) {
+    const SentMark mark(*command.tinfo);
+    if (write_line_to_cp(command, used_fd) < 0) {
+        mark.take_back();
         VEXA_LOG("send_atcmd_to_cp close_fd_mutexed 1 '%d'...%d.%d.\n", used_fd, 0, 0);
         close_cp(*command.tinfo);
         return kWriteFailed;
     }
-    mark_sent(*command.tinfo);
     // While the multiplexer runs nobody waits, so there is no time to judge CP by.
     if (is_mux_active())
         return 0;

@@ -105,6 +105,20 @@ TEST_P(Dispatch, ACommandOfCpsIsMarkedAsSent) {
         EXPECT_EQ(load_shared(record.send_done), &record == &own.record ? 1 : 0);
 }
 
+TEST_P(Dispatch, AnAnswerBeforeTheWriteReturnsFindsItsCommand) {
+    std::string line_then;
+    int mark_then = 0;
+    std::thread cp([&] {
+        own.cp.wait_for_message();
+        line_then = last_line(own);
+        mark_then = load_shared(own.record.send_done);
+    });
+    dispatch(own, "ATD*99#\r");
+    cp.join();
+    EXPECT_EQ(line_then, "ATD*99#\r");
+    EXPECT_EQ(mark_then, 1);
+}
+
 TEST_P(Dispatch, AFailedWriteClosesTheChannelAndMarksNothing) {
     own.cp.daemon_fd = -1;
     testing::internal::CaptureStdout();

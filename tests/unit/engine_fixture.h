@@ -51,6 +51,10 @@ class Device {
             all.push_back(area.substr(0, static_cast<std::size_t>(count)));
         }
     }
+    void wait_for_message() const {
+        char first = 0;
+        EXPECT_GT(recv(peer_, &first, 1, MSG_PEEK), 0);
+    }
     std::string bytes() {
         std::string all;
         for (const std::string& message : messages()) all += message;
