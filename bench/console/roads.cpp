@@ -5,6 +5,7 @@
 
 #include "bench_module.h"
 #include "mux_road.h"
+#include "qmi_road.h"
 #include "road.h"
 
 namespace bench {
@@ -86,6 +87,9 @@ std::unique_ptr<Road> make_road(const std::string& port, BenchModule& module) {
     }
     if (port == "udp") {
         return std::make_unique<UdpRoad>(module);
+    }
+    if (port == "qmi") {
+        return std::make_unique<QmiRoad>(module);
     }
     if (port == "mux") {
         return std::make_unique<MuxRoad>(module);

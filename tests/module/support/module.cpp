@@ -75,6 +75,14 @@ bool serves_udp(int pid) {
     return false;
 }
 
+int count_of(std::string_view text, std::string_view all) {
+    int count = 0;
+    for (auto at = all.find(text); at != all.npos; at = all.find(text, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
 }  // namespace
 
 Module::Module(ModuleOptions options)
@@ -227,12 +235,7 @@ std::string Module::log() const {
 }
 
 int Module::log_count(std::string_view text) const {
-    const std::string all = log();
-    int count = 0;
-    for (auto at = all.find(text); at != std::string::npos; at = all.find(text, at + 1)) {
-        ++count;
-    }
-    return count;
+    return count_of(text, log());
 }
 
 std::size_t Module::log_size() const {
@@ -247,6 +250,17 @@ void Module::wait_for_log(std::string_view text, int times, Here here) {
     wait_until([&] { return log_count(text) >= times; },
                "\"" + bench::visible(text) + "\" in the log, " + std::to_string(times) + " times",
                here);
+}
+
+std::string Module::programs_output() const {
+    return whole_file(programs_log_.get());
+}
+
+void Module::wait_for_output(std::string_view text, int times, Here here) {
+    wait_until(
+        [&] { return count_of(text, programs_output()) >= times; },
+        "\"" + bench::visible(text) + "\" from a program, " + std::to_string(times) + " times",
+        here);
 }
 
 int Module::start_program(const std::string& name, const std::vector<std::string>& arguments,

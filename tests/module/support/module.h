@@ -104,6 +104,9 @@ class Module {
     // a program of this build; its output is shown when an expectation fails.
     int start_program(const std::string& name, const std::vector<std::string>& arguments,
                       Here here = Here::current());
+    // Everything the programs have written to their standard output and error.
+    std::string programs_output() const;
+    void wait_for_output(std::string_view text, int times = 1, Here here = Here::current());
     void stop_program(int pid, int signal_number = 9, Here here = Here::current());
     int program_exit_status(int pid, Here here = Here::current());
 
