@@ -1,5 +1,7 @@
 #include "mhi_uevent.h"
 
+#include <cstdio>
+#include <random>
 #include <string>
 
 #include "gtest/gtest.h"
@@ -51,6 +53,29 @@ TEST(MhiUevent, WhatDoesNotFitTheTextIsCutAndNeverWrittenPast) {
         EXPECT_EQ(text.size(), row.joined) << row.length;
         EXPECT_EQ(area[text.size()], '\0') << row.length;
         EXPECT_EQ(area.back(), 'x') << row.length;
+    }
+}
+
+// The joining as it is defined: "%s " from each string's start, on by what was printed.
+std::string joined_by_snprintf(const std::string& uevent) {
+    std::string text;
+    for (std::size_t at = 0; at < uevent.size();) {
+        std::array<char, 2048> part;
+        const int printed = snprintf(part.data(), part.size(), "%s ", uevent.c_str() + at);
+        text.append(part.data(), static_cast<std::size_t>(printed));
+        at += static_cast<std::size_t>(printed);
+    }
+    return text;
+}
+
+TEST(MhiUevent, RandomUeventsAreJoinedAsDefined) {
+    std::mt19937 random(3233);
+    for (int round = 0; round < 2000; ++round) {
+        std::string uevent(random() % 1000, '\0');
+        for (char& c : uevent)
+            c = random() % 8 == 0 ? '\0' : static_cast<char>('!' + random() % 90);
+        std::array<char, kUeventTextSize> area;
+        ASSERT_EQ(join_uevent(uevent, area), joined_by_snprintf(uevent)) << round;
     }
 }
 
