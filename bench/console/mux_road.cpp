@@ -61,14 +61,14 @@ void MuxRoad::say(int dlci, std::string_view text) {
     carry();
 }
 
-bool MuxRoad::carry_out(const std::string& line, std::function<void()> done) {
+bool MuxRoad::carry_out(const std::string& line, const std::function<void()>& done) {
     MuxStep step = parse_mux_step(line);
     if (step.verb == MuxStep::Verb::none) {
         return false;
     }
     if (step.verb == MuxStep::Verb::expect) {
         expected_ = std::move(step);
-        found_ = std::move(done);
+        found_ = done;
         look_for_expected();
         return true;
     }
@@ -76,7 +76,7 @@ bool MuxRoad::carry_out(const std::string& line, std::function<void()> done) {
         say(step.dlci, step.text);
     }
     // The road is open before the first line: "mux open" is done already.
-    module_.loop().after(0ms, std::move(done));
+    module_.loop().after(0ms, done);
     return true;
 }
 

@@ -21,7 +21,7 @@ class MuxRoad : public Road {
 
     bool open(std::function<void()> opened) override;
     void send(std::string_view bytes) override;
-    bool carry_out(const std::string& line, std::function<void()> done) override;
+    bool carry_out(const std::string& line, const std::function<void()>& done) override;
     std::string title() const override;
 
   private:

@@ -24,7 +24,7 @@ class Road {
     virtual void send(std::string_view bytes) = 0;
     // A line of the road's own language (such as "mux send 2 AT\r"); false: it is none. Calls back,
     // after it returned, when the line is done.
-    virtual bool carry_out(const std::string& /*line*/, std::function<void()> /*done*/) {
+    virtual bool carry_out(const std::string& /*line*/, const std::function<void()>& /*done*/) {
         return false;
     }
     // One line for the person at the console: where the commands go.
