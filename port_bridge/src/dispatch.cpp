@@ -41,6 +41,12 @@ struct Command {
     thread_info_t* tinfo;
 };
 
+// One command at a time on a port, from its write to the end of its wait: the AT port's USB, PCIe
+// and UDP sources would else be woken by each other's answers. Taken by nobody who waits for
+// another lock of this kind.
+constinit pthread_mutex_t g_command_turns[kPortCount] = {
+    PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER};
+
 int64_t monotonic_ns() {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
@@ -175,6 +181,14 @@ int send_to_platform(const Command& command) {
     return result;
 }
 
+int send_line(const Command& command) {
+    if (hijack_atcmd_to_app_platform(command.text, command.length) == 0)
+        return send_to_cp(command);
+    if (forward_exc_atcmd_to_cp_too(command.text, command.length) == 1)
+        forward_to_cp_too(command);
+    return send_to_platform(command);
+}
+
 bool is_input_missing(const char* buf, int length, const int* port_type, pthread_mutex_t* mutex,
                       pthread_cond_t* cond, const thread_info_t* tinfo) {
     return buf == nullptr || length < 0 || port_type == nullptr || mutex == nullptr ||
@@ -191,11 +205,11 @@ int send_atcmd_to_plat_or_cp(int socketfd, const char* buf, int at_buf_len, int*
     }
     const Command command = {
         find_port(port_type, socketfd), socketfd, buf, at_buf_len, port_type, mutex, cond, tinfo};
-    if (hijack_atcmd_to_app_platform(buf, at_buf_len) == 0)
-        return send_to_cp(command);
-    if (forward_exc_atcmd_to_cp_too(buf, at_buf_len) == 1)
-        forward_to_cp_too(command);
-    return send_to_platform(command);
+    // While the multiplexer runs nobody waits, so there is no turn to wait for.
+    if (command.port == nullptr || is_mux_active())
+        return send_line(command);
+    const MutexGuard turn(&g_command_turns[command.port->index]);
+    return send_line(command);
 }
 
 int send_atcmd_to_cp(int socketfd, const char* buf, int at_buf_len, int* port_type,

@@ -56,6 +56,7 @@ void dump_received(std::string_view received) {
     VEXA_LOG("%s of %zu bytes would overrun its %zu bytes, exit.\r\n", area, size, limit);
     fprintf(stderr, "vexa_at_client: %s of %zu bytes would overrun its %zu bytes\n", area, size,
             limit);
+    fflush(stdout);  // abort() would lose the line and the log before it
     abort();
 }
 

@@ -405,4 +405,26 @@ TEST(UdpServer, UnsolicitedTextReachesSomeClientWhileClientsChange) {
     EXPECT_EQ(module.at_port().received(), "");
 }
 
+// --- One command at a time on the AT port
+
+TEST(UdpServer, ACommandTypedMeanwhileWaitsForItsTurn) {
+    Module module;
+    UdpClient client = module.udp_client();
+    client.send("AT+FIRST\r");
+    module.at_channel().expect("AT+FIRST\r");
+    module.at_port().write("AT+SECOND\r");
+    module.wait_for_log("before common_input_atcmd_proc(atport)");
+    // Another port's command comes and goes, time enough for a line that did not wait.
+    module.modem_port().write("AT+OTHER\r");
+    module.modem_channel().expect("AT+OTHER\r");
+    module.modem_channel().send("\r\nOK\r\n");
+    module.modem_port().expect("\r\nOK\r\n");
+    EXPECT_TRUE(module.at_channel().received().empty());
+    module.at_channel().send("\r\nFIRST\r\nOK\r\n");
+    module.at_port().expect("\r\nFIRST\r\nOK\r\n");  // typing took the answers back
+    module.at_channel().expect("AT+SECOND\r");
+    module.at_channel().send("\r\nSECOND\r\nOK\r\n");
+    module.at_port().expect("\r\nSECOND\r\nOK\r\n");
+}
+
 }  // namespace
