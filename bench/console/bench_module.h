@@ -32,7 +32,9 @@ class BenchModule {
     // Calls back once every port is served.
     void when_ready(std::function<void()> ready);
     // Calls back when the daemon has ended by itself.
-    void when_daemon_ends(std::function<void(int status)> ended) { daemon_ended_ = ended; }
+    void when_daemon_ends(std::function<void(int status)> ended) {
+        daemon_ended_ = std::move(ended);
+    }
     // What was started and where the ports can be reached, a line each.
     std::vector<std::string> summary() const;
 

@@ -29,10 +29,10 @@ constexpr const char* kHelp =
 Console::Console(BenchModule& module, std::unique_ptr<Road> road, bool interactive)
     : module_(module), road_(std::move(road)), interactive_(interactive) {}
 
-bool Console::open(std::function<void()> opened) {
+bool Console::open(const std::function<void()>& opened) {
     road_->on_output([this](std::string_view bytes) { heard(bytes); });
     road_->on_aside([this](const std::string& line) { print(line); });
-    if (!road_->open(std::move(opened))) {
+    if (!road_->open(opened)) {
         error_ = road_->error();
         return false;
     }

@@ -20,7 +20,7 @@ class Console {
     Console(BenchModule& module, std::unique_ptr<Road> road, bool interactive);
 
     // Opens the road; calls back when commands can be sent.
-    bool open(std::function<void()> opened);
+    bool open(const std::function<void()>& opened);
     // Takes lines until there are no more, or until the loop is stopped.
     void run();
     const std::string& error() const { return error_; }

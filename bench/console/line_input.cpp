@@ -17,7 +17,7 @@ namespace {
 // this description is shared with the shell. So an epoll descriptor stands in between.
 class InputWatch {
   public:
-    InputWatch(Loop& loop, std::function<void()> readable)
+    InputWatch(Loop& loop, const std::function<void()>& readable)
         : loop_(loop), poll_(epoll_create1(EPOLL_CLOEXEC)) {
         epoll_event event{};
         event.events = EPOLLIN;
@@ -25,7 +25,7 @@ class InputWatch {
             is_file_ = true;  // a regular file is always readable
             return;
         }
-        loop_.watch(poll_.get(), std::move(readable));
+        loop_.watch(poll_.get(), readable);
     }
     ~InputWatch() { stop(); }
     InputWatch(const InputWatch&) = delete;

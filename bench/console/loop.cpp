@@ -26,9 +26,9 @@ Called<Handle>* owner(Handle* handle) {
 }
 
 template <typename Handle>
-Called<Handle>* make(std::function<void()> call) {
+Called<Handle>* make(const std::function<void()>& call) {
     auto* made = new Called<Handle>;
-    made->call = std::move(call);
+    made->call = call;
     made->handle.data = made;
     return made;
 }
@@ -77,9 +77,9 @@ Loop::~Loop() {
     uv_loop_close(&loop_);
 }
 
-void Loop::watch(int fd, std::function<void()> readable) {
+void Loop::watch(int fd, const std::function<void()>& readable) {
     unwatch(fd);
-    auto* made = make<uv_poll_t>(std::move(readable));
+    auto* made = make<uv_poll_t>(readable);
     must(uv_poll_init(&loop_, &made->handle, fd), "watch");
     must(uv_poll_start(&made->handle, UV_READABLE | UV_DISCONNECT,
                        [](uv_poll_t* handle, int, int) { call(handle); }),
@@ -97,9 +97,9 @@ void Loop::unwatch(int fd) {
     polls_.erase(found);
 }
 
-int Loop::after(std::chrono::milliseconds time, std::function<void()> done) {
+int Loop::after(std::chrono::milliseconds time, const std::function<void()>& done) {
     const int number = next_timer_++;
-    auto* made = make<uv_timer_t>([this, number, done = std::move(done)] {
+    auto* made = make<uv_timer_t>([this, number, done] {
         cancel(number);
         done();
     });
@@ -123,8 +123,8 @@ void Loop::cancel(int timer) {
     timers_.erase(found);
 }
 
-void Loop::on_signal(int number, std::function<void()> came) {
-    auto* made = make<uv_signal_t>(std::move(came));
+void Loop::on_signal(int number, const std::function<void()>& came) {
+    auto* made = make<uv_signal_t>(came);
     must(uv_signal_init(&loop_, &made->handle), "signal");
     must(uv_signal_start(
              &made->handle, [](uv_signal_t* handle, int) { call(handle); }, number),

@@ -17,12 +17,12 @@ class Loop {
     Loop& operator=(const Loop&) = delete;
 
     // Called while the descriptor is readable or hung up, until unwatch.
-    void watch(int fd, std::function<void()> readable);
+    void watch(int fd, const std::function<void()>& readable);
     void unwatch(int fd);
     // Called once; the number is good for cancel until then.
-    int after(std::chrono::milliseconds time, std::function<void()> done);
+    int after(std::chrono::milliseconds time, const std::function<void()>& done);
     void cancel(int timer);
-    void on_signal(int number, std::function<void()> came);
+    void on_signal(int number, const std::function<void()>& came);
 
     // Until stop.
     void run();

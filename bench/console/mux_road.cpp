@@ -35,8 +35,8 @@ std::string MuxRoad::title() const {
            std::to_string(kMuxDialChannel);
 }
 
-bool MuxRoad::open(std::function<void()> opened) {
-    opened_ = std::move(opened);
+bool MuxRoad::open(const std::function<void()>& opened) {
+    opened_ = opened;
     module_.on_port_output(kUartHostPort, [this](std::string_view bytes) {
         host_.received(bytes);
         carry();

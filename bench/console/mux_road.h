@@ -19,7 +19,7 @@ class MuxRoad : public Road {
   public:
     explicit MuxRoad(BenchModule& module) : module_(module) {}
 
-    bool open(std::function<void()> opened) override;
+    bool open(const std::function<void()>& opened) override;
     void send(std::string_view bytes) override;
     bool carry_out(const std::string& line, const std::function<void()>& done) override;
     std::string title() const override;

@@ -31,7 +31,7 @@ QmiRoad::~QmiRoad() {
     }
 }
 
-bool QmiRoad::open(std::function<void()> opened) {
+bool QmiRoad::open(const std::function<void()>& opened) {
     std::string folder = (std::filesystem::temp_directory_path() / "vexa-qmi-XXXXXX").string();
     if (mkdtemp(folder.data()) == nullptr || !wake_.is_open()) {
         return fail("no folder for the QMI service's socket");

@@ -16,7 +16,7 @@ class QmiRoad : public Road {
     explicit QmiRoad(BenchModule& module);
     ~QmiRoad() override;
 
-    bool open(std::function<void()> opened) override;
+    bool open(const std::function<void()>& opened) override;
     void send(std::string_view bytes) override;
     std::string title() const override { return "the QMI AT service"; }
 

@@ -17,7 +17,7 @@ class Road {
 
     // Called when the daemon serves its ports; calls back once commands can be sent. False: error()
     // tells why not.
-    virtual bool open(std::function<void()> opened) {
+    virtual bool open(const std::function<void()>& opened) {
         opened();
         return true;
     }

@@ -18,7 +18,7 @@ class PortRoad : public Road {
     PortRoad(BenchModule& module, int port, std::string title)
         : module_(module), port_(port), title_(std::move(title)) {}
 
-    bool open(std::function<void()> opened) override {
+    bool open(const std::function<void()>& opened) override {
         module_.on_port_output(port_, [this](std::string_view bytes) { heard(bytes); });
         opened();
         return true;
@@ -37,7 +37,7 @@ class UdpRoad : public Road {
     explicit UdpRoad(BenchModule& module) : module_(module) {}
     ~UdpRoad() override { module_.loop().unwatch(socket_.get()); }
 
-    bool open(std::function<void()> opened) override {
+    bool open(const std::function<void()>& opened) override {
         socket_ = module_.space().socket(AF_INET, SOCK_DGRAM);
         if (!socket_.is_open()) {
             return fail(module_.space().error());

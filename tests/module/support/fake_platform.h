@@ -5,19 +5,17 @@
 
 #include <functional>
 #include <map>
-#include <source_location>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "here.h"
 #include "module.h"
 #include "platform_peer.h"
 #include "unique_fd.h"
 
 class FakePlatform {
   public:
-    using Here = std::source_location;
-
     explicit FakePlatform(Module& module, bool listens = true);
     ~FakePlatform();
     FakePlatform(const FakePlatform&) = delete;

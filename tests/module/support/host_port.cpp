@@ -17,7 +17,7 @@ void HostPort::take_input() {
     }
 }
 
-void HostPort::write(std::string_view bytes, std::source_location here) {
+void HostPort::write(std::string_view bytes, Here here) {
     const auto push = [&] {
         const ssize_t sent = ::write(fd(), bytes.data(), bytes.size());
         if (sent > 0) {
@@ -28,7 +28,7 @@ void HostPort::write(std::string_view bytes, std::source_location here) {
     module_.wait_until(push, path_ + " to take what is written", here);
 }
 
-void HostPort::expect(std::string_view bytes, std::source_location here) {
+void HostPort::expect(std::string_view bytes, Here here) {
     const auto agree = [&] {
         const std::size_t size = std::min(received_.size(), bytes.size());
         return received_.compare(0, size, bytes.substr(0, size)) == 0;
@@ -41,7 +41,7 @@ void HostPort::expect(std::string_view bytes, std::source_location here) {
     received_.erase(0, bytes.size());
 }
 
-std::string HostPort::expect_up_to(std::string_view text, std::source_location here) {
+std::string HostPort::expect_up_to(std::string_view text, Here here) {
     const auto found = [&] { return received_.find(text) != std::string::npos; };
     module_.wait_until(found, path_ + ": ... \"" + bench::visible(text) + "\"", here);
     const std::size_t end = received_.find(text) + text.size();
@@ -50,7 +50,7 @@ std::string HostPort::expect_up_to(std::string_view text, std::source_location h
     return all;
 }
 
-std::string HostPort::expect_bytes(std::size_t count, std::source_location here) {
+std::string HostPort::expect_bytes(std::size_t count, Here here) {
     module_.wait_until([&] { return received_.size() >= count; },
                        path_ + ": " + std::to_string(count) + " bytes", here);
     std::string all = received_.substr(0, count);

@@ -1,10 +1,10 @@
 // The host computer's end of one of the module's ports: a byte stream.
 #pragma once
 
-#include <source_location>
 #include <string>
 #include <string_view>
 
+#include "here.h"
 #include "module_space.h"
 
 class Module;
@@ -16,16 +16,13 @@ class HostPort {
     const std::string& path() const { return path_; }
 
     // All of it, serving the module's other ends while the port is full.
-    void write(std::string_view bytes, std::source_location here = std::source_location::current());
+    void write(std::string_view bytes, Here here = Here::current());
     // The next bytes are exactly these; the first one that differs fails the test.
-    void expect(std::string_view bytes,
-                std::source_location here = std::source_location::current());
+    void expect(std::string_view bytes, Here here = Here::current());
     // Whatever comes until this text has come; gives all of it back, the text included.
-    std::string expect_up_to(std::string_view text,
-                             std::source_location here = std::source_location::current());
+    std::string expect_up_to(std::string_view text, Here here = Here::current());
     // At least so many bytes, taken.
-    std::string expect_bytes(std::size_t count,
-                             std::source_location here = std::source_location::current());
+    std::string expect_bytes(std::size_t count, Here here = Here::current());
     // What has come and was not yet expected. For messages; absence is shown by a later marker.
     const std::string& received() const { return received_; }
     void forget_received() { received_.clear(); }

@@ -37,14 +37,14 @@ void ModemChannel::take_input() {
     }
 }
 
-std::string ModemChannel::expect_message(std::source_location here) {
+std::string ModemChannel::expect_message(Here here) {
     module_.wait_until([&] { return !received_.empty(); }, path_ + ": a message", here);
     std::string message = std::move(received_.front());
     received_.pop_front();
     return message;
 }
 
-void ModemChannel::expect(std::string_view message, std::source_location here) {
+void ModemChannel::expect(std::string_view message, Here here) {
     module_.wait_until([&] { return !received_.empty(); },
                        path_ + ": \"" + bench::visible(message) + "\"", here);
     if (received_.front() != message) {
@@ -53,7 +53,7 @@ void ModemChannel::expect(std::string_view message, std::source_location here) {
     received_.pop_front();
 }
 
-void ModemChannel::send(std::string_view message, std::source_location here) {
+void ModemChannel::send(std::string_view message, Here here) {
     const auto sent = [&] {
         return connection_.is_open() &&
                ::send(connection_.get(), message.data(), message.size(), MSG_NOSIGNAL) >= 0;
@@ -78,6 +78,6 @@ void ModemChannel::hang_up() {
     connection_.reset();
 }
 
-void ModemChannel::wait_until_open(std::source_location here) {
+void ModemChannel::wait_until_open(Here here) {
     module_.wait_until([&] { return connection_.is_open(); }, path_ + " to be opened", here);
 }

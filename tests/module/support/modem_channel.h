@@ -2,10 +2,10 @@
 #pragma once
 
 #include <deque>
-#include <source_location>
 #include <string>
 #include <string_view>
 
+#include "here.h"
 #include "unique_fd.h"
 
 class Module;
@@ -17,15 +17,13 @@ class ModemChannel {
     const std::string& path() const { return path_; }
 
     // The next message is exactly this.
-    void expect(std::string_view message,
-                std::source_location here = std::source_location::current());
-    std::string expect_message(std::source_location here = std::source_location::current());
+    void expect(std::string_view message, Here here = Here::current());
+    std::string expect_message(Here here = Here::current());
     // What came and was not yet expected.
     const std::deque<std::string>& received() const { return received_; }
     void forget_received() { received_.clear(); }
     // One message, up to 16,384 bytes; waits until the daemon has the channel open.
-    void send(std::string_view message,
-              std::source_location here = std::source_location::current());
+    void send(std::string_view message, Here here = Here::current());
 
     // The channel goes away, path and all, and comes back.
     void close();
@@ -33,7 +31,7 @@ class ModemChannel {
     // Only what the daemon has open breaks; a new open works at once.
     void hang_up();
     // Until the daemon has the channel open.
-    void wait_until_open(std::source_location here = std::source_location::current());
+    void wait_until_open(Here here = Here::current());
     bool is_open() const { return connection_.is_open(); }
     int fd() const { return connection_.get(); }
 

@@ -398,7 +398,7 @@ void Module::fail(const std::string& what, Here here) {
     if (!programs.empty()) {
         text += "\n--- other programs:\n" + tail(programs);
     }
-    ADD_FAILURE_AT(here.file_name(), static_cast<int>(here.line())) << text;
+    ADD_FAILURE_AT(here.file_name(), here.line()) << text;
     throw ExpectationFailed("an expectation failed at " + std::string(here.file_name()) + ":" +
                             std::to_string(here.line()));
 }

@@ -15,20 +15,18 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <source_location>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "device_control.h"
+#include "here.h"
 #include "host_port.h"
 #include "modem_channel.h"
 #include "modem_peer.h"
 #include "module_space.h"
 #include "udp_client.h"
-
-using Here = std::source_location;
 
 // What a test's body is left with after an expectation failed; it has been reported already.
 class ExpectationFailed : public std::runtime_error {

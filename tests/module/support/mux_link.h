@@ -2,10 +2,10 @@
 #pragma once
 
 #include <chrono>
-#include <source_location>
 #include <string>
 #include <string_view>
 
+#include "here.h"
 #include "module.h"
 #include "mux_host.h"
 #include "mux_record.h"

@@ -21,7 +21,7 @@ void UdpClient::send(std::string_view datagram) {
                   reinterpret_cast<sockaddr*>(&server), sizeof server);
 }
 
-std::string UdpClient::expect_datagram(std::source_location here) {
+std::string UdpClient::expect_datagram(Here here) {
     std::string datagram(65536, '\0');
     ssize_t got = -1;
     module_.wait_until(
@@ -34,7 +34,7 @@ std::string UdpClient::expect_datagram(std::source_location here) {
     return datagram;
 }
 
-void UdpClient::expect(std::string_view datagram, std::source_location here) {
+void UdpClient::expect(std::string_view datagram, Here here) {
     const std::string got = expect_datagram(here);
     if (got != datagram) {
         module_.fail("expected the datagram \"" + bench::visible(datagram) + "\", got \"" +

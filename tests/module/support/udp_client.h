@@ -1,10 +1,10 @@
 // A client of the daemon's UDP server, inside the module's network.
 #pragma once
 
-#include <source_location>
 #include <string>
 #include <string_view>
 
+#include "here.h"
 #include "unique_fd.h"
 
 class Module;
@@ -16,9 +16,8 @@ class UdpClient {
 
     void send(std::string_view datagram);
     // The next datagram is exactly this.
-    void expect(std::string_view datagram,
-                std::source_location here = std::source_location::current());
-    std::string expect_datagram(std::source_location here = std::source_location::current());
+    void expect(std::string_view datagram, Here here = Here::current());
+    std::string expect_datagram(Here here = Here::current());
     int fd() const { return socket_.get(); }
 
   private:
