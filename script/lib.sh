@@ -33,6 +33,10 @@ run_preset() {
     fi
 }
 
+# Where ccache is installed it serves every checkout of this machine alike: paths below the
+# checkout do not count, and precompiled headers do not stand in its way.
+export CCACHE_BASEDIR=$ROOT CCACHE_NOHASHDIR=1 CCACHE_SLOPPINESS=pch_defines,time_macros
+
 # configure PRESET ON|OFF: with the tests or without, for a machine that has no test packages yet.
 # Quick when the build folder stands; CMake itself notices changed lists.
 configure() {
