@@ -73,7 +73,8 @@ Loop::~Loop() {
             }
         },
         nullptr);
-    uv_run(&loop_, UV_RUN_DEFAULT);
+    while (uv_run(&loop_, UV_RUN_DEFAULT) != 0) {  // a stop asked for earlier ends the first
+    }
     uv_loop_close(&loop_);
 }
 
