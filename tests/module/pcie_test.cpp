@@ -4,6 +4,7 @@
 
 #include <fstream>
 
+#include "fake_platform.h"
 #include "pcie_module.h"
 
 namespace {
@@ -132,6 +133,27 @@ TEST(Pcie, WhileThePipeIsLiveItGetsTheAnswersOfTheUsbPortToo) {
     converse(module, module.at_port(), module.pcie_pipe(), "AT+USB");
     link.disconnect();
     converse(module, module.at_port(), module.at_port(), "AT+USB2");
+    EXPECT_EQ(module.pcie_pipe().received(), "");
+}
+
+TEST(Pcie, BothReadersOfTheAtPortShareOnePlatformConnection) {
+    ModuleWithPlatform both(pcie_options(kBoth));
+    auto& [module, platform] = both;
+    MhiLink link(module, 6);
+    // Each of the two readers has its command answered: neither opened a connection of its own.
+    module.pcie_pipe().write("AT+CSQ\r");
+    platform.expect("at", "AT+CSQ\r");
+    platform.send("at", "\r\nPIPE\r\nOK\r\n");
+    module.pcie_pipe().expect("AT+CSQ\r\r\nPIPE\r\nOK\r\n");
+    // While the pipe is live the platform's answers take the modem's way out.
+    module.at_port().write("AT+CSQ\r");
+    platform.expect("at", "AT+CSQ\r");
+    platform.send("at", "\r\nUSB\r\nOK\r\n");
+    module.pcie_pipe().expect("AT+CSQ\r\r\nUSB\r\nOK\r\n");
+    EXPECT_EQ(platform.reports("at"), 1);
+    link.disconnect();
+    platform.send("at", "\r\n+LATE\r\n");
+    module.at_port().expect_up_to("\r\n+LATE\r\n");
     EXPECT_EQ(module.pcie_pipe().received(), "");
 }
 

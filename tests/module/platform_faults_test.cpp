@@ -134,6 +134,7 @@ TEST(PlatformDown, ACommandWorthWaitingForIsAnsweredWithThePlatformDownText) {
 TEST(PlatformRestarts, FiftyTimesDuringTrafficOnThreePorts) {
     ModuleWithPlatform both;
     auto& [module, platform] = both;
+    const int descriptors = module.count_descriptors();
     platform.answer = [](const bench::PlatformRequest& request) {
         return bench::encode_pack(bench::PackKind::command,
                                   "\r\nplatform " + request.port + "\r\nOK\r\n");
@@ -160,8 +161,11 @@ TEST(PlatformRestarts, FiftyTimesDuringTrafficOnThreePorts) {
         const std::string answer = host.received();
         host.forget_received();
         asked[at] = false;
-        by_platform[at] += answer.ends_with("\r\nplatform " + kPorts[at] + "\r\nOK\r\n") ? 1 : 0;
-        by_modem[at] += answer.ends_with("\r\nmodem " + kPorts[at] + "\r\nOK\r\n") ? 1 : 0;
+        const bool is_platforms = answer.ends_with("\r\nplatform " + kPorts[at] + "\r\nOK\r\n");
+        const bool is_modems = answer.ends_with("\r\nmodem " + kPorts[at] + "\r\nOK\r\n");
+        EXPECT_TRUE(is_platforms || is_modems) << kPorts[at] << " was given " << answer;
+        by_platform[at] += is_platforms ? 1 : 0;
+        by_modem[at] += is_modems ? 1 : 0;
         EXPECT_EQ(answer.find("OK"), answer.rfind("OK")) << "one answer to one command: " << answer;
     };
     const auto answers = [&] {
@@ -219,6 +223,7 @@ TEST(PlatformRestarts, FiftyTimesDuringTrafficOnThreePorts) {
                                              "\r\nOK\r\n");
     }
     EXPECT_GE(commands, 150);
+    EXPECT_EQ(module.count_descriptors(), descriptors);
     for (std::size_t at = 0; at < 3; ++at) {
         EXPECT_GT(by_platform[at], 0) << kPorts[at];
         EXPECT_GT(by_modem[at], 0) << kPorts[at];

@@ -18,8 +18,7 @@ std::string port_of(const std::string& payload) {
     return payload.size() == 4 && found != names.end() ? found->second : "?";
 }
 
-ModuleOptions not_started() {
-    ModuleOptions options;
+ModuleOptions not_started(ModuleOptions options) {
     options.start = false;
     return options;
 }
@@ -259,7 +258,8 @@ void FakePlatform::half_close(const std::string& port) {
     shutdown(connection_of(port).fd.get(), SHUT_WR);
 }
 
-ModuleWithPlatform::ModuleWithPlatform() : module(not_started()), platform(module) {
+ModuleWithPlatform::ModuleWithPlatform(ModuleOptions options)
+    : module(not_started(std::move(options))), platform(module) {
     module.start();
     platform.wait_for_reports();
 }

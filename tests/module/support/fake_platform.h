@@ -79,7 +79,7 @@ class FakePlatform {
 
 // A module whose platform was there first and has all three connections.
 struct ModuleWithPlatform {
-    ModuleWithPlatform();
+    explicit ModuleWithPlatform(ModuleOptions options = {});
     Module module;
     FakePlatform platform;
 };
