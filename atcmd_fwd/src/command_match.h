@@ -1,6 +1,6 @@
 // What kind of line the host typed: predicates over a line and its length. All are safe from any
-// thread; only hijack_atcmd_to_app_platform and get_input_at_prefix_len have side effects
-// (diagnostics log switch, S-registers).
+// thread and take no lock. Those that compare the line's name set S3, S4 and S5 from an "ATSn="
+// line on the way; hijack_atcmd_to_app_platform also switches the diagnostics log.
 #pragma once
 
 // Length of the command name at the start of the line; -1 for null, 0 for an empty line.

@@ -3,7 +3,6 @@
 #include <strings.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstdlib>
 #include <cstring>
 
@@ -23,10 +22,6 @@ namespace {
 constexpr unsigned long kFirstBadCharacter = 128;
 // From "=" to the terminator: the "=" and at most three digits.
 constexpr int kLongestSettingDistance = 4;
-
-uint8_t load(uint8_t& setting) {
-    return std::atomic_ref<uint8_t>(setting).load(std::memory_order_acquire);
-}
 
 // Null for a register that is not a line setting ("ats0", "ats24").
 uint8_t* setting_of(char register_digit) {
@@ -59,8 +54,7 @@ int take_s_register(const char* line) {
     const unsigned long value = strtoul(equals + 1, nullptr, 10);
     uint8_t* const setting = setting_of(line[3]);
     if (setting != nullptr && value < kFirstBadCharacter)
-        std::atomic_ref<uint8_t>(*setting).store(static_cast<uint8_t>(value),
-                                                 std::memory_order_release);
+        store_shared(*setting, static_cast<uint8_t>(value));
     return 0;
 }
 
@@ -75,11 +69,11 @@ const char* find_first(const char* line, std::initializer_list<const char*> word
 }  // namespace
 
 uint8_t s3_char() {
-    return load(g_ats3_carriage_return_char);
+    return load_shared(g_ats3_carriage_return_char);
 }
 
 uint8_t s4_char() {
-    return load(g_ats4_line_feed_char);
+    return load_shared(g_ats4_line_feed_char);
 }
 
 bool is_echo_on() {

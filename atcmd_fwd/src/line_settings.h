@@ -4,7 +4,7 @@
 #include <cstdint>
 
 // ITU-T V.250 6.2: S3 ends a command line, S4 formats responses, S5 edits the line. Bytes that
-// several threads share: read and written through the accessors below.
+// several threads share: read and written through shared_int.h.
 extern uint8_t g_ats3_carriage_return_char;
 extern uint8_t g_ats4_line_feed_char;
 extern uint8_t g_ats5_cmd_line_edit_char;

@@ -46,7 +46,7 @@ std::string advice() {
            "\n  allow user namespaces (sysctl kernel.unprivileged_userns_clone=1,"
            " user.max_user_namespaces above 0,"
            "\n  kernel.apparmor_restrict_unprivileged_userns=0), or run as root; in a container,"
-           "\n  allow unshare and mount (docker: --security-opt seccomp=unconfined"
+           "\n  allow unshare and mount (--security-opt seccomp=unconfined"
            " --security-opt apparmor=unconfined --cap-add SYS_ADMIN)";
 }
 

@@ -48,8 +48,8 @@ constexpr UINT8 make_fcs(const UINT8* input, UINT8 count) {
     return static_cast<UINT8>(~fcs);
 }
 
-// Copies with byte stuffing (5.2.2.1 style: 7D and 7E become 7D, byte XOR 20) and returns the
-// bytes written, at most twice `cbData`. The session's frames go without it.
+// Copies with the byte stuffing of the advanced option (7D and 7E become 7D, byte XOR 20) and
+// returns the bytes written, at most twice `cbData`. The session's frames go without it.
 UINT32 WriteFrame(UINT8* pFrame, const UINT8* pData, UINT32 cbData);
 // The acknowledgement of set-up 0..3 into 4096 bytes; *resp_buf_len is 6. Always 1; for another
 // index the area is only cleared.

@@ -6,7 +6,7 @@
 #include "at_mux.h"
 #include "gsm0710_frame.h"
 
-extern tMuxConfig g_MuxCfg;
+extern tMuxConfig g_MuxCfg;                      // only the UART host reader's thread
 extern eParsePackCurState g_cur_mux_proc_state;  // only the UART host reader's thread
 
 // Set by the UART host reader's thread, read by whoever writes answers; through shared_int.h.

@@ -179,8 +179,7 @@ int handle_complete_line(const Input& input) {
         return kNotDealtWith;
     const char* line = current_line().text();
     const int length = line_length();
-    if (is_input_sms_atcmd(line, length) == 1)
-        move_shared(*input.mode, USB_PORT_ATCMD_MODE, USB_PORT_SMS_MODE);
+    is_input_sms_atcmd(line, length);  // only traced: the prompt of CP begins SMS mode
     if (const int hex = is_input_hex_atcmd(line, length); hex != 0)
         move_shared(*input.mode, USB_PORT_ATCMD_MODE, hex);
     // The multiplexer runs on the UART; on another port the command is CP's to judge.

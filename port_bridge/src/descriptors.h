@@ -3,9 +3,10 @@
 
 #include <pthread.h>
 
-// -1 means closed. A descriptor's mutex is held for each single system call on it: by its reader
-// (store after open, read, TIOCMGET), by whoever writes to it or sets its modem-control lines, and
-// by close_fd_mutexed (device_io.h). Never held across a poll; never two of them at once.
+// -1 means closed. A descriptor's mutex is held for each system call on it, or one whole write: by
+// its reader (store after open, read, TIOCMGET), by whoever writes to it or sets its modem-control
+// lines, and by close_fd_mutexed (device_io.h). Never held across a poll; never two of them at
+// once.
 extern int mdm_fd;              // modem side of the main pair
 extern int usb_fd;              // host side of the main pair
 extern int mdm_atport_fd;       // /dev/smd7

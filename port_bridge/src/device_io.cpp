@@ -84,7 +84,7 @@ int write_to_device(int to_fd, const char* to_filename, int bytes_to_write, cons
 }
 
 void close_fd_mutexed(const char* file_path, const volatile int* fd, pthread_mutex_t* mutex) {
-    // The slots are plain ints; the parameter's qualifiers are those of the agreed signature.
+    // The slots are plain ints; the parameter's qualifiers are those of the public signature.
     int* slot = const_cast<int*>(fd);
     const int lock_error = pthread_mutex_lock(mutex);
     VEXA_LOG("close_fd_mutexed file_path enter:%s, fd:%d.%d\r\n", file_path, *slot, 0);

@@ -17,6 +17,7 @@ void close_fd_mutexed(const char* file_path, const volatile int* fd, pthread_mut
 
 // 1 when locked, 0 (logged) on failure.
 int vexa_os_mutex_lock(pthread_mutex_t* mutex);
+// With default attributes: 0, or an error number.
 int vexa_os_mutex_init(pthread_mutex_t* mutex);
 
 // "0x1 | DTR | CD | RTS" for TIOCM bits, at most size - 1 characters.

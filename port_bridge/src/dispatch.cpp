@@ -22,7 +22,6 @@ namespace {
 
 constexpr int kInputError = -1;
 constexpr int kWriteFailed = -1;
-constexpr int kSendToCpInstead = -6;
 constexpr int kPlatformWaitSeconds = 5;
 constexpr int kCpWaitSeconds = 10;
 
@@ -169,7 +168,7 @@ int send_to_platform(const Command& command) {
     memcpy(answer, kPlatformDownText, sizeof kPlatformDownText);
     int result = ask_platform(command, mode, answer);
     keep_last_line(command);
-    if (result == kSendToCpInstead)
+    if (result == kSendToCp)
         result = send_to_cp(command);
     else if (result >= command.length && !is_mux_active())
         wait_for_answer(command, kPlatformWaitSeconds);

@@ -13,7 +13,7 @@
 
 namespace {
 
-// `published` is the port's slot as its modem reader made it known, null before that reader ran.
+// `published` is the port's slot as start-up made it known, null before that.
 // The writers' mutex keeps texts of the engine apart; the device's own one keeps the descriptor's
 // number this device's for the length of the write.
 int write_to_host(int* published, const char* path, pthread_mutex_t* device_mutex, const char* buf,

@@ -51,7 +51,7 @@ const std::array<HostMember, kPortCount> kHostMembers = {{
     {kAtPort, InputSource::at_port, "usb_atport_to_modem_bridge",
      "usb_atport_to_modem_bridge enter.", "client atport has been inited.",
      init_socket_client_atport, &g_atport_tinfo_for_mux, true, false, false},
-    // The UART's entry line says atport: the text is kept as it always was.
+    // The UART's entry line says atport: readers of logs know it so.
     {kUartPort, InputSource::uart_port, "usb_uartport_to_modem_bridge",
      "usb_atport_to_modem_bridge enter.", "client uartport has been inited.",
      init_socket_client_uartport, &g_uart_tinfo_for_mux, true, true, false},
@@ -219,7 +219,7 @@ Next HostReader::open_port() {
 
 Next HostReader::open_uart() {
     puts("usb_uartport_to_modem_bridge open before......");
-    const int fd = open_device(device_.path, O_NOCTTY);
+    const int fd = open_device(device_.path);
     const int error = errno;
     puts("usb_uartport_to_modem_bridge open after......");
     VEXA_LOG("====>:Blocking open on '%s' fd:%d.\r\n", device_.path, fd);

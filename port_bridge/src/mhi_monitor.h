@@ -15,8 +15,9 @@ enum vexa_linux_tristate_e : int {
 extern int g_vexa_pcie_enabled;  // a tristate; 1 when the host link is PCIe
 extern int g_mhi_ctrl_state;     // vexa_mhi_ctrl_state_e; written by the monitor thread only
 extern sem_t g_mhi_monitor_semaphore;
-extern pthread_mutex_t g_mhi_monitor_write_op;
+extern pthread_mutex_t g_mhi_monitor_write_op;  // initialised only: no path takes it
 
+// Main thread only.
 void vexa_linux_dev_init();
 int vexa_linux_does_mhi_ctrl_exist();
 // 1 when the host link is PCIe. Any thread.
@@ -24,6 +25,7 @@ int vexa_pcie_is_enabled();
 // Whether AT answers go over the pipe now: PCIe enabled and both channels connected. Any thread.
 bool is_pcie_live();
 
+// The monitor thread's own, no lock.
 int vexa_linux_open_netlink_socket();
 vexa_mhi_ctrl_state_e vexa_linux_get_mhi_state_from_uevent_file();
 vexa_mhi_ctrl_state_e vexa_linux_parse_mhi_uevent(char* msg, int len);

@@ -44,7 +44,7 @@ struct GlinkMember {
     const char* poll_text_end;    // ... of the line before the wait
     int** host_fd;                // publishes the host port's slot
     int** host_fd_pcie;           // ... its second one; null without
-    pthread_mutex_t* host_mutex;  // receives a copy of the host port's mutex
+    pthread_mutex_t* host_mutex;  // receives a copy of an unlocked mutex
     uint8_t* mux_dlc;             // channel of answers while the multiplexer runs; null: no part
     bool tracks_modes_on_mux;
     bool answers_on_uart_reader;  // multiplexed answers leave by the UART reader's record

@@ -1,9 +1,10 @@
+// A lock for the length of a block. Any thread.
 #pragma once
 
 #include <pthread.h>
 
-// Holds a mutex for the length of a block. A mutex that cannot be locked is traced (device_io.h,
-// vexa_os_mutex_lock) and the block runs all the same: that is this system's rule for every
+// Holds a mutex for the length of a block. A mutex that cannot be locked is traced
+// and the block runs all the same: that is this system's rule for every
 // guarded system call except closing.
 class MutexGuard {
   public:

@@ -17,7 +17,7 @@ int init_socket_client_uartport();
 // Sends a command or data on a port's connection. Returns what client_send_msg returns
 // (vexa_socket_client.h), -1 for bad arguments, -6 when the send failed and the command is not
 // one worth waiting for (then it is CP's). `cmd_type` is the port's mode. `buf` is buf_len bytes.
-// Called on an input source's thread without any lock; retries for about 5 s.
+// Called on an input source's thread with at most the port's command turn; retries for about 5 s.
 int send_data_to_app_platform(int socketfd, const char* buf, int buf_len, int flag, char* out_buf,
                               int* out_len, int cmd_type);
 

@@ -44,8 +44,9 @@ extern thread_info_t* g_modem_tinfo_for_mux;
 extern thread_info_t* g_atport_tinfo_for_mux;
 extern thread_info_t* g_uart_tinfo_for_mux;
 
-// Host-port devices as published by the modem readers at start; null until then. The mutexes are
-// byte copies of the unlocked device mutexes (usb_mutex ...), distinct objects afterwards.
+// Host-port devices as published for the modem readers at start-up (publish_host_port); null until
+// then. The mutexes are copies of an unlocked mutex, distinct from the devices' own (usb_mutex
+// ...).
 extern int* g_fd_usb_modem_device;
 extern int* g_fd_usb_atport_device;
 extern int* g_fd_usb_atport_device_pcie;

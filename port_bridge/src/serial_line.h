@@ -1,4 +1,4 @@
-// Line settings of the module's UART.
+// Line settings of the module's UART. The UART's host reader calls these with usb_uartport_mutex.
 #pragma once
 
 #include <termios.h>

@@ -20,9 +20,9 @@ DeviceEnd destination_of(const thread_info_t& info) {
     return {info.to_file_path, info.to_fd, info.to_mutex};
 }
 
-int open_device(const char* path, int extra_flags) {
+int open_device(const char* path) {
     // Never the controlling terminal: a host that hangs up would end the daemon with SIGHUP.
-    return open(path, O_RDWR | O_NOCTTY | O_CLOEXEC | extra_flags);
+    return open(path, O_RDWR | O_NOCTTY | O_CLOEXEC);
 }
 
 void store_device(const DeviceEnd& device, int fd) {

@@ -1,4 +1,5 @@
-// What the readers of a shared descriptor do with it: open, read, and carry its control lines.
+// What the readers of a shared descriptor do with it: open, read, and carry its control lines. Each
+// takes the device's mutex itself, but open_device, which needs none.
 #pragma once
 
 #include <pthread.h>
@@ -16,9 +17,8 @@ struct DeviceEnd {
 [[nodiscard]] DeviceEnd source_of(const thread_info_t& info);
 [[nodiscard]] DeviceEnd destination_of(const thread_info_t& info);
 
-// Opens the device read-write with `extra_flags`; the descriptor or -1 with errno. The caller
-// stores it.
-int open_device(const char* path, int extra_flags = 0);
+// Opens the device read-write; the descriptor or -1 with errno. The caller stores it.
+int open_device(const char* path);
 // Stores a newly opened descriptor. The device's reader only.
 void store_device(const DeviceEnd& device, int fd);
 [[nodiscard]] int load_device(const int* slot, pthread_mutex_t* mutex);

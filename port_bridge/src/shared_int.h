@@ -21,7 +21,7 @@ inline bool move_shared(int& value, int expected, int wanted) {
     return std::atomic_ref<int>(value).compare_exchange_strong(expected, wanted);
 }
 
-// The same for an address byte that several threads share.
+// The same for a byte that several threads share.
 [[nodiscard]] inline uint8_t load_shared(const uint8_t& value) {
     return std::atomic_ref<uint8_t>(const_cast<uint8_t&>(value)).load(std::memory_order_acquire);
 }

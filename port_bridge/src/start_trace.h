@@ -1,4 +1,4 @@
-// The older trace channel of the start-up code, beside the log facility.
+// The trace channel of the start-up code, beside the log facility.
 #pragma once
 
 #include <pthread.h>

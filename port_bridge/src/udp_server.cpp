@@ -116,11 +116,6 @@ void hand_to_engine(char* buffer, int length, thread_info_t& tinfo) {
 
 }  // namespace
 
-sockaddr_in udp_answer_address() {
-    const MutexGuard guard(&g_client_mutex);
-    return g_udp_sock_to_client_addr;
-}
-
 int send_udp_answer(const char* buffer, int length) {
     const MutexGuard guard(&g_client_mutex);
     return send_udp_result_to_client(load_shared(g_loc_udp_at_server_send_socket), buffer, length,

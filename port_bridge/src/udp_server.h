@@ -22,11 +22,9 @@ extern int g_loc_udp_at_server_send_socket;  // sends answers; -1 when there is 
 // the last datagram.
 extern std::array<vexa_udp_sock_addr_t, 5> g_udp_sock_client_addr_array;
 extern sockaddr_in g_udp_sock_from_client_addr;
-// Where answers go; under the client lock, read it through udp_answer_address().
+// Where answers go; under the client lock (udp_server.cpp).
 extern sockaddr_in g_udp_sock_to_client_addr;
 
-// The answer address under its lock. Any thread.
-sockaddr_in udp_answer_address();
 // Sends an answer to the current client on the current send socket; the pair is read and used
 // under one lock, so that a client change never closes a socket in use. Result as
 // send_udp_result_to_client (vexa_socket_server.h). Any thread.

@@ -47,7 +47,7 @@ constexpr ThreadTexts kAtHost = {
 constexpr ThreadTexts kPcieHost = {
     "begin pcie_atport_to_modem_bridge...", "pcie_atport_to_modem_bridge pthread_create failed....",
     "pcie_atport_to_modem_bridge pthread_create suceess....", kJoinedAsReceiver};
-// The UART's threads say the AT port's lines: the texts are kept as they always were.
+// The UART's threads say the AT port's lines: readers of logs know them so.
 constexpr ThreadTexts kUartModem = {nullptr, kAtModem.failed, kAtModem.created, kJoinedAsReceiver,
                                     true};
 constexpr ThreadTexts kUartHost = kAtHost;

@@ -1,4 +1,5 @@
-// Sockets of the UDP AT server.
+// Sockets of the UDP AT server. Its thread makes and reads them; whoever sends an answer holds the
+// client lock (udp_server.cpp).
 #pragma once
 
 #include <netinet/in.h>

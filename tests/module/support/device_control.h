@@ -35,8 +35,6 @@ class DeviceControl {
     void fail_opens(int error, int times);
     void fail_fcntl(int error, int times);
     void fail_tcsetattr(int error, int times);
-    int writes_left_to_fail() const { return count(words().write_refusals); }
-    int opens_left_to_fail() const { return count(words().open_refusals); }
 
     int opens() const { return count(words().opens); }
     int closes() const { return count(words().closes); }

@@ -33,7 +33,6 @@ class HostPort {
     void plug();
     // Gone and back in one step: the new device stands at the path before the old one hangs up.
     void replug();
-    bool is_plugged() const { return pty_.has_value(); }
     // As seen from outside, e.g. for a terminal program.
     int fd() const { return pty_ ? pty_->master.get() : -1; }
     // The module's end, held open beside the daemon's: its settings and what waits to be read.
