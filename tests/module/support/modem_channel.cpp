@@ -64,14 +64,21 @@ void ModemChannel::send(std::string_view message, Here here) {
 void ModemChannel::close() {
     module_.remove(path_);
     listener_.reset();
-    hang_up();
+    drop_connection();
 }
 
 void ModemChannel::open() {
     listener_ = module_.listen(path_, SOCK_SEQPACKET);
 }
 
-void ModemChannel::hang_up() {
+void ModemChannel::hang_up(Here here) {
+    // What the daemon has open may still wait to be accepted.
+    accept_connection();
+    wait_until_open(here);
+    drop_connection();
+}
+
+void ModemChannel::drop_connection() {
     if (connection_.is_open()) {
         take_input();
     }

@@ -28,8 +28,8 @@ class ModemChannel {
     // The channel goes away, path and all, and comes back.
     void close();
     void open();
-    // Only what the daemon has open breaks; a new open works at once.
-    void hang_up();
+    // Only what the daemon has open breaks, waiting until it has; a new open works at once.
+    void hang_up(Here here = Here::current());
     // Until the daemon has the channel open.
     void wait_until_open(Here here = Here::current());
     bool is_open() const { return connection_.is_open(); }
@@ -38,6 +38,7 @@ class ModemChannel {
   private:
     friend class Module;
     void accept_connection();
+    void drop_connection();
     void take_input();
 
     Module& module_;
