@@ -228,11 +228,13 @@ TEST(Pcie, ForeignUeventsChangeNothing) {
     Module module(pcie_options(kBoth));
     MhiLink link(module, 6);
     const std::size_t from = module.log_size();
-    module.send_uevent("add@/devices/virtual/net/dummy0\nACTION=add\nSUBSYSTEM=net\n");
-    module.send_uevent("MHI_CHANNEL_STATE_100=DISCONNECTED\n");
-    module.send_uevent("MHI_CHANNEL_STATE_32=\n");
-    module.send_uevent("MHI_CHANNEL_STATE");
-    link.wait_until_drained();
+    // One at a time: the socket's small buffer does not hold them all.
+    for (const char* foreign :
+         {"add@/devices/virtual/net/dummy0\nACTION=add\nSUBSYSTEM=net\n",
+          "MHI_CHANNEL_STATE_100=DISCONNECTED\n", "MHI_CHANNEL_STATE_32=\n", "MHI_CHANNEL_STATE"}) {
+        module.send_uevent(foreign);
+        link.wait_until_drained();
+    }
     link.report({"32=CONFIGURED"}, 6, 7);
     EXPECT_FALSE(module.log_has("MHI channel state: 6,0,0", from));
     EXPECT_FALSE(module.log_has("Error receving uevent msg", from));
