@@ -1,0 +1,1 @@
+"""Shows what a recording of the daemon says (docs/recording.md)."""
