@@ -15,8 +15,8 @@ jobs_wanted() { echo "${VEXA_JOBS:-$(nproc)}"; }
 
 known_preset() {
     case "$1" in
-        host | asan | tsan) ;;
-        *) die "unknown preset '$1'; one of: host asan tsan" ;;
+        host | asan | tsan | armv7) ;;
+        *) die "unknown preset '$1'; one of: host asan tsan armv7" ;;
     esac
 }
 
@@ -26,11 +26,14 @@ run_preset() {
     shift
     local bits
     bits=$(cat /proc/sys/vm/mmap_rnd_bits 2>/dev/null || echo 28)
-    if [ "$preset" != host ] && [ "$bits" -gt 28 ]; then
-        setarch -R "$@"
-    else
-        "$@"
-    fi
+    case "$preset" in
+        asan | tsan)
+            if [ "$bits" -gt 28 ]; then
+                set -- setarch -R "$@"
+            fi
+            ;;
+    esac
+    "$@"
 }
 
 # Where ccache is installed it serves every checkout of this machine alike: paths below the

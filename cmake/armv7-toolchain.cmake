@@ -1,0 +1,16 @@
+# ARMv7 with Debian's cross compiler: a Cortex-A7-class core, hard-float, Thumb-2.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR armv7l)
+set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
+
+set(CMAKE_CXX_FLAGS_INIT "-mcpu=cortex-a7 -mfpu=neon-vfpv4 -mfloat-abi=hard -mthumb")
+
+# Programs that the build runs itself run under qemu-user; the loader is the cross compiler's.
+set(VEXA_ARM_SYSROOT /usr/arm-linux-gnueabihf)
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm;-L;${VEXA_ARM_SYSROOT})
+
+set(CMAKE_FIND_ROOT_PATH ${VEXA_ARM_SYSROOT})
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
