@@ -5,9 +5,9 @@ set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
 
 set(CMAKE_CXX_FLAGS_INIT "-mcpu=cortex-a7 -mfpu=neon-vfpv4 -mfloat-abi=hard -mthumb")
 
-# Programs that the build runs itself run under qemu-user; the loader is the cross compiler's.
+# ARM programs run under qemu-user, with the loader and the C library of the cross compiler.
 set(VEXA_ARM_SYSROOT /usr/arm-linux-gnueabihf)
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm;-L;${VEXA_ARM_SYSROOT})
+set(CMAKE_CROSSCOMPILING_EMULATOR /usr/bin/qemu-arm;-L;${VEXA_ARM_SYSROOT})
 
 set(CMAKE_FIND_ROOT_PATH ${VEXA_ARM_SYSROOT})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)

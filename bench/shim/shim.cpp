@@ -160,18 +160,24 @@ mode_t mode_argument(int flags, va_list arguments) {
     return (flags & (O_CREAT | __O_TMPFILE)) != 0 ? va_arg(arguments, mode_t) : 0;
 }
 
-// The intent's argument is a size or points at one; what is not a plausible size is read through
-// the kernel, which refuses a bad address instead of ending the process.
+// The intent's argument is a size or points at one. What is not a plausible size is read by the
+// kernel, into a pipe: it refuses a bad address instead of ending the process.
 std::uint32_t intent_size(void* argument) {
     constexpr std::uintptr_t kLargestSize = 1 << 20;
     const auto value = reinterpret_cast<std::uintptr_t>(argument);
     if (value <= kLargestSize) {
         return static_cast<std::uint32_t>(value);
     }
+    std::array<int, 2> ends{};
+    if (pipe2(ends.data(), O_CLOEXEC) != 0) {
+        return 0;
+    }
     std::uint32_t size = 0;
-    iovec here{&size, sizeof size};
-    iovec there{argument, sizeof size};
-    return process_vm_readv(getpid(), &here, 1, &there, 1, 0) == sizeof size ? size : 0;
+    const bool readable = NEXT(write)(ends[1], argument, sizeof size) == sizeof size &&
+                          NEXT(read)(ends[0], &size, sizeof size) == sizeof size;
+    NEXT(close)(ends[0]);
+    NEXT(close)(ends[1]);
+    return readable ? size : 0;
 }
 
 int control_device(DeviceState& device, unsigned long request, void* argument) {

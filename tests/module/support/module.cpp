@@ -15,6 +15,8 @@
 #include <cstring>
 #include <fstream>
 
+#include "tested_daemon.h"
+
 namespace {
 
 using namespace std::chrono_literals;
@@ -144,12 +146,9 @@ void Module::lay_devices(const ModuleOptions& options) {
 }
 
 void Module::start(Here here) {
-    const std::string tools = bench::program_folder();
-    bench::SpawnRequest request;
-    request.command = {tools + "/vexa_at_client"};
-    request.environment = options_.environment;
+    bench::SpawnRequest request = tested_daemon();
+    request.environment.insert(options_.environment.begin(), options_.environment.end());
     request.environment["VEXA_DS_TARGET"] = std::to_string(options_.target);
-    request.environment["LD_PRELOAD"] = tools + "/lib/libvexa_shim.so";
     request.output = log_.get();
     const auto child = space_.spawn(request);
     if (!child) {
