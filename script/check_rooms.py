@@ -17,7 +17,8 @@ FOLDERS = ["include", "platform/include", "main", "port_bridge/src", "atcmd_fwd/
 def main():
     rows = re.findall(r"^\| *(\d+) *\| *`([^`]+)`", (ROOT / "docs/rooms.md").read_text(), re.M)
     floors = {file: int(floor) for floor, file in rows}
-    meant = set(re.findall(r"^\| *`([^`]+)` *\| *`([^`]+)`", (ROOT / "docs/rooms.md").read_text(), re.M))
+    table = (ROOT / "docs/rooms.md").read_text()
+    meant = set(re.findall(r"^\| *`([^`]+)` *\| *`([^`]+)`", table, re.M))
     used = set()
     # A pair foo.h and foo.cpp is one row without an ending.
     stems = {}

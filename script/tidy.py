@@ -41,9 +41,9 @@ def check(entry):
     stamp = STAMPS / hashlib.sha256((ROOT / ".clang-tidy").read_bytes() + text).hexdigest()[:32]
     if text and stamp.exists():
         return ""
-    run = subprocess.run(["clang-tidy-14", "--quiet", "--extra-arg=-Wno-unknown-warning-option", "-p",
-                          ROOT / "build" / "host", entry["file"]],
-                         capture_output=True, text=True, check=False)
+    command = ["clang-tidy-14", "--quiet", "--extra-arg=-Wno-unknown-warning-option", "-p",
+               ROOT / "build" / "host", entry["file"]]
+    run = subprocess.run(command, capture_output=True, text=True, check=False)
     if run.returncode == 0:
         stamp.touch()
         return ""

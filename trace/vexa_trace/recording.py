@@ -28,6 +28,16 @@ class Event:
     fields: dict[str, Any] = field(default_factory=dict)  # whatever else stood in the line
     line: int = 0  # of the file, from 1
 
+    def number(self, name: str) -> int | None:
+        """A field when it is a whole number; files are not to be trusted."""
+        value = self.fields.get(name)
+        return value if isinstance(value, int) and not isinstance(value, bool) else None
+
+    def text(self, name: str) -> str:
+        """A field when it is text, else nothing."""
+        value = self.fields.get(name)
+        return value if isinstance(value, str) else ""
+
 
 @dataclass
 class Recording:
@@ -39,9 +49,20 @@ class Recording:
     is_whole: bool  # has its last line
 
 
+def _parse_json(text: str) -> Any:
+    try:
+        return json.loads(text)
+    except RecursionError as error:
+        raise ValueError("nested too deep") from error
+
+
+def _is_time(value: Any) -> bool:
+    return isinstance(value, int) and not isinstance(value, bool) and 0 <= value < 1 << 63
+
+
 def _parse_line(text: str, number: int, begin: int) -> Event:
-    value = json.loads(text)
-    if not isinstance(value, dict) or not isinstance(value.get("t"), int):
+    value = _parse_json(text)
+    if not isinstance(value, dict) or not _is_time(value.get("t")):
         raise ValueError("no time")
     place = value.get("at")
     if not isinstance(place, str):
@@ -59,14 +80,14 @@ def _parse_line(text: str, number: int, begin: int) -> Event:
 
 def _parse_start(text: str) -> dict[str, Any]:
     try:
-        start = json.loads(text)
+        start = _parse_json(text)
     except ValueError as error:
         raise RecordingError(f"line 1: no JSON ({error}); is this a recording?") from error
     if not isinstance(start, dict) or start.get("what") != "start":
         raise RecordingError("line 1: no start of a recording")
     if start.get("version") != 1:
         raise RecordingError(f"line 1: version {start.get('version')} of the format; this knows 1")
-    if not isinstance(start.get("t"), int):
+    if not _is_time(start.get("t")):
         raise RecordingError("line 1: no time")
     return start
 

@@ -1,0 +1,102 @@
+"""The command line of script/trace."""
+
+from __future__ import annotations
+
+import argparse
+import importlib
+import sys
+from collections.abc import Sequence
+from typing import Any
+
+from .recording import CP_CHANNELS, HOST_PORTS, Recording, RecordingError, read_file
+
+PORTS = (*HOST_PORTS, *CP_CHANNELS, "platform", "udp", "qmi", "uevent", "log", "bench")
+
+_EPILOG = """\
+FILE is a recording (script/run --record FILE), or with --from-log what the daemon wrote to its
+standard output. Times are seconds since the recording began.
+docs/trace.md tells how to read what is printed."""
+
+
+def make_parser() -> argparse.ArgumentParser:
+    """The options; also what the manual page is held against."""
+    parser = argparse.ArgumentParser(
+        prog="script/trace",
+        description="Shows what passed the daemon's boundaries, and what became of each command.",
+        epilog=_EPILOG,
+        formatter_class=argparse.RawDescriptionHelpFormatter,
+    )
+    add = parser.add_argument
+    add("file", metavar="FILE", help="the recording or log; - reads standard input")
+    add("--port", action="append", choices=PORTS, metavar="P",
+        help="only this place; again for more. Of: " + ", ".join(PORTS))
+    add("--from", dest="begin", type=float, metavar="T", help="from this second on")
+    add("--to", dest="end", type=float, metavar="T", help="up to this second")
+    add("--what-happened", nargs="?", const="", metavar="PATTERN",
+        help="the road of each command instead; with PATTERN, of those that hold that text"
+        " (upper and lower case alike)")
+    add("--full", action="store_true", help="long data whole instead of its beginning")
+    add("--html", metavar="OUT", help="draws it as a page that any browser shows")
+    add("--pcap", metavar="OUT", help="writes it for Wireshark and tshark")
+    add("--from-log", action="store_true", help="FILE is the daemon's log")
+    return parser
+
+
+def _warn(text: str) -> None:
+    print(f"trace: {text}", file=sys.stderr)
+
+
+def _part(name: str) -> Any:
+    """A part of this package that only some options need."""
+    return importlib.import_module(f".{name}", __package__)
+
+
+def _read(options: argparse.Namespace) -> Recording:
+    path = "/dev/stdin" if options.file == "-" else options.file
+    if not options.from_log:
+        return read_file(path)
+    recording: Recording = _part("from_log").read_log(path)
+    return recording
+
+
+def _tell_faults(recording: Recording, path: str) -> None:
+    for fault in recording.faults[:10]:
+        _warn(f"{path}: {fault}; passed over")
+    if len(recording.faults) > 10:
+        _warn(f"{path}: {len(recording.faults) - 10} more lines passed over")
+    if not recording.is_whole and recording.start.get("source") != "log":
+        _warn(f"{path}: has no end line (still running, or stopped): shown as far as it goes")
+
+
+def _write_files(options: argparse.Namespace, recording: Recording) -> None:
+    if options.html:
+        _part("html").write_page(recording, options.html)
+    if options.pcap:
+        _part("pcap").write_pcap(recording, options.pcap)
+
+
+def _show(options: argparse.Namespace, recording: Recording) -> None:
+    for event in recording.events:
+        print(event.t, event.at, event.dir or event.what, event.data)
+
+
+def run(options: argparse.Namespace) -> int:
+    """0, or 1 after a sentence on standard error."""
+    try:
+        recording = _read(options)
+        _tell_faults(recording, options.file)
+        _write_files(options, recording)
+    except RecordingError as error:
+        _warn(f"{options.file}: {error}")
+        return 1
+    except OSError as error:
+        _warn(f"{error.filename or options.file}: {error.strerror}")
+        return 1
+    if not options.html and not options.pcap:
+        _show(options, recording)
+    return 0
+
+
+def main(arguments: Sequence[str] | None = None) -> int:
+    """The exit status: 0 shown, 1 could not, 2 wrong usage."""
+    return run(make_parser().parse_args(arguments))
