@@ -4,11 +4,15 @@ from __future__ import annotations
 
 import argparse
 import importlib
+import io
+import os
 import sys
 from collections.abc import Sequence
 from typing import Any
 
+from .conversation import Conversation, View
 from .recording import CP_CHANNELS, HOST_PORTS, Recording, RecordingError, read_file
+from .wording import Paint
 
 PORTS = (*HOST_PORTS, *CP_CHANNELS, "platform", "udp", "qmi", "uevent", "log", "bench")
 
@@ -16,6 +20,13 @@ _EPILOG = """\
 FILE is a recording (script/run --record FILE), or with --from-log what the daemon wrote to its
 standard output. Times are seconds since the recording began.
 docs/trace.md tells how to read what is printed."""
+
+
+def _seconds(text: str) -> float:
+    value = float(text)
+    if not 0 <= value < 1e12:
+        raise ValueError("no such time")
+    return value
 
 
 def make_parser() -> argparse.ArgumentParser:
@@ -30,8 +41,8 @@ def make_parser() -> argparse.ArgumentParser:
     add("file", metavar="FILE", help="the recording or log; - reads standard input")
     add("--port", action="append", choices=PORTS, metavar="P",
         help="only this place; again for more. Of: " + ", ".join(PORTS))
-    add("--from", dest="begin", type=float, metavar="T", help="from this second on")
-    add("--to", dest="end", type=float, metavar="T", help="up to this second")
+    add("--from", dest="begin", type=_seconds, metavar="T", help="from this second on")
+    add("--to", dest="end", type=_seconds, metavar="T", help="up to this second")
     add("--what-happened", nargs="?", const="", metavar="PATTERN",
         help="the road of each command instead; with PATTERN, of those that hold that text"
         " (upper and lower case alike)")
@@ -75,9 +86,17 @@ def _write_files(options: argparse.Namespace, recording: Recording) -> None:
         _part("pcap").write_pcap(recording, options.pcap)
 
 
+def _view(options: argparse.Namespace) -> View:
+    def microseconds(seconds: float | None) -> int | None:
+        return None if seconds is None else round(seconds * 1_000_000)
+
+    places = frozenset(options.port or ())
+    return View(places, microseconds(options.begin), microseconds(options.end), options.full)
+
+
 def _show(options: argparse.Namespace, recording: Recording) -> None:
-    for event in recording.events:
-        print(event.t, event.at, event.dir or event.what, event.data)
+    for line in Conversation(recording, _view(options), Paint.of_stdout()).lines():
+        print(line)
 
 
 def run(options: argparse.Namespace) -> int:
@@ -86,6 +105,8 @@ def run(options: argparse.Namespace) -> int:
         recording = _read(options)
         _tell_faults(recording, options.file)
         _write_files(options, recording)
+    except BrokenPipeError:
+        raise
     except RecordingError as error:
         _warn(f"{options.file}: {error}")
         return 1
@@ -99,4 +120,16 @@ def run(options: argparse.Namespace) -> int:
 
 def main(arguments: Sequence[str] | None = None) -> int:
     """The exit status: 0 shown, 1 could not, 2 wrong usage."""
-    return run(make_parser().parse_args(arguments))
+    options = make_parser().parse_args(arguments)
+    if isinstance(sys.stdout, io.TextIOWrapper):
+        sys.stdout.reconfigure(errors="backslashreplace")
+    try:
+        status = run(options)
+        sys.stdout.flush()
+    except BrokenPipeError:
+        # Whoever read has seen enough; Python's own flush at exit must not fail once more.
+        os.dup2(os.open(os.devnull, os.O_WRONLY), 1)
+        return 0
+    except KeyboardInterrupt:
+        return 130
+    return status

@@ -53,7 +53,7 @@ def _junk(data: bytes) -> Frame:
 def _read_frame(raw: bytes, head: int) -> Frame:
     address, control = raw[1], raw[2]
     information = raw[head:-2]
-    kind = _KINDS.get(control & ~_POLL_FINAL, f"control {control:02X}")
+    kind = _KINDS[control & ~_POLL_FINAL]
     # UIH: the check covers address to length (5.2.1.6); the others' information as well.
     covered = raw[1:head] if kind == "UIH" else raw[1:-2]
     fits = check_sequence(covered) == raw[-2]
@@ -67,6 +67,7 @@ class FrameReader:
 
     def __init__(self) -> None:
         self._held = b""
+        self._has_closed = False  # the first held flag has closed a frame already
 
     def feed(self, data: bytes) -> list[Frame]:
         """The frames that these bytes complete."""
@@ -79,29 +80,40 @@ class FrameReader:
     def rest(self) -> bytes:
         """What was held for a frame that never became whole; it is forgotten."""
         held, self._held = self._held, b""
-        return held if held != bytes((FLAG,)) else b""
+        return b"" if self._has_closed and len(held) == 1 else held
 
     def _next(self) -> Frame | None:
         start = self._held.find(FLAG)
         if start != 0:
             return self._take_junk(len(self._held) if start < 0 else start)
-        self._drop_extra_flags()
+        self._held = bytes((FLAG,)) + self._held.lstrip(bytes((FLAG,)))
+        if not self._may_begin():
+            return self._take_junk(self._next_flag())
         size, head = self._size()
         if size == 0 or size > len(self._held):
             return None
+        if self._held[size - 1] != FLAG:
+            return self._take_junk(self._next_flag())
         raw = self._held[:size]
-        if raw[-1] != FLAG:
-            return self._take_junk(1 + self._held[1:].find(FLAG) if FLAG in raw[1:] else size)
-        # The closing flag may open the next frame; one left over is dropped as an extra flag.
         self._held = self._held[size - 1 :]
+        self._has_closed = True
         return _read_frame(raw, head)
 
-    def _take_junk(self, size: int) -> Frame | None:
-        junk, self._held = self._held[:size], self._held[size:]
-        return _junk(junk) if junk else None
+    def _next_flag(self) -> int:
+        place = self._held.find(FLAG, 1)
+        return place if place > 0 else len(self._held)
 
-    def _drop_extra_flags(self) -> None:
-        self._held = bytes((FLAG,)) + self._held.lstrip(bytes((FLAG,)))
+    def _may_begin(self) -> bool:
+        """False as soon as the head is none: this daemon also says plain text between frames."""
+        if len(self._held) > 1 and not self._held[1] & 1:
+            return False  # one address byte (5.2.1.2)
+        return len(self._held) < 3 or self._held[2] & ~_POLL_FINAL in _KINDS
+
+    def _take_junk(self, size: int) -> Frame | None:
+        first = 1 if self._has_closed and self._held[:1] == bytes((FLAG,)) else 0
+        junk, self._held = self._held[first:size], self._held[size:]
+        self._has_closed = False
+        return _junk(junk) if junk else None
 
     def _size(self) -> tuple[int, int]:
         """Bytes of the frame and of its head; 0 while the length is not there yet."""
