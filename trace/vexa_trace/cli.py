@@ -12,6 +12,7 @@ from typing import Any
 
 from .conversation import Conversation, View
 from .recording import CP_CHANNELS, HOST_PORTS, Recording, RecordingError, read_file
+from .report import Report
 from .wording import Paint
 
 PORTS = (*HOST_PORTS, *CP_CHANNELS, "platform", "udp", "qmi", "uevent", "log", "bench")
@@ -95,7 +96,12 @@ def _view(options: argparse.Namespace) -> View:
 
 
 def _show(options: argparse.Namespace, recording: Recording) -> None:
-    for line in Conversation(recording, _view(options), Paint.of_stdout()).lines():
+    view, paint = _view(options), Paint.of_stdout()
+    if options.what_happened is None:
+        lines = Conversation(recording, view, paint).lines()
+    else:
+        lines = Report(recording, view, paint).lines(options.what_happened)
+    for line in lines:
         print(line)
 
 
