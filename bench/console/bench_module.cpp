@@ -19,14 +19,6 @@ constexpr std::size_t kLogTail = 16384;
 constexpr std::size_t kLargestMessage = 65536;
 constexpr auto kLookIfReady = 5ms;
 
-struct PortName {
-    const char* name;
-    const char* path;
-};
-constexpr std::array<PortName, kHostPortCount> kPorts{{{"modem port", "/dev/at_usb0"},
-                                                       {"AT port", "/dev/at_usb1"},
-                                                       {"UART port", "/dev/ttyMSM1"},
-                                                       {"PCIe pipe", "/dev/mhi_pipe_32"}}};
 constexpr std::array<const char*, 3> kChannelPaths{"/dev/at_mdm0", "/dev/smd7", "/dev/smd8"};
 constexpr const char* kMhiState = "/sys/devices/virtual/mhi/mhi_ctrl/uevent";
 
@@ -66,34 +58,47 @@ bool BenchModule::start() {
     if (!parsed.error.empty()) {
         return fail(parsed.error);
     }
-    if (!options_.record.empty() && !record_.create(options_.record)) {
+    if (!options_.record.empty() && !record_.create(options_)) {
         return fail(system_error(options_.record));
     }
     if (!space_.open(program_folder())) {
         return fail(space_.error());
     }
-    peer_ = std::make_unique<ModemPeer>(
-        std::move(parsed.scenario), std::vector<std::string>{"modem", "at", "uart"}, Clock::now());
+    play_scenario(std::move(parsed.scenario));
     loop_.watch(space_.exits_fd(), [this] { take_exits(); });
-    return lay_ports() && lay_channels() && lay_pcie() && start_platform() && start_daemon();
+    return lay_ports() && lay_channels() && lay_pcie() &&
+           (!options_.platform || launch_platform()) && start_daemon();
+}
+
+void BenchModule::play_scenario(Scenario scenario) {
+    peer_ = std::make_unique<ModemPeer>(
+        std::move(scenario), std::vector<std::string>{"modem", "at", "uart"}, Clock::now());
 }
 
 bool BenchModule::lay_ports() {
     const int count = options_.pcie ? kHostPortCount : kPciePipe;
     for (int port = 0; port < count; ++port) {
-        const auto index = static_cast<std::size_t>(port);
-        auto pty = space_.make_pty(kPorts[index].path);
-        if (!pty) {
-            return fail(space_.error());
-        }
-        ports_[index] = std::move(*pty);
-        relays_[index] = std::make_unique<Relay>(
+        auto& relay = relays_[static_cast<std::size_t>(port)];
+        relay = std::make_unique<Relay>(
             loop_, [this, port](std::string_view typed) { write_port(port, typed); });
-        if (!relays_[index]->open()) {
+        if (!relay->open()) {
             return fail(system_error("no pty outside the module"));
         }
-        loop_.watch(ports_[index].master.get(), [this, port] { take_port_output(port); });
+        if (!lay_port(port)) {
+            return false;
+        }
     }
+    return true;
+}
+
+bool BenchModule::lay_port(int port) {
+    const auto index = static_cast<std::size_t>(port);
+    auto pty = space_.make_pty(kPorts[index].path);
+    if (!pty) {
+        return fail(space_.error());
+    }
+    ports_[index] = std::move(*pty);
+    loop_.watch(ports_[index].master.get(), [this, port] { take_port_output(port); });
     return true;
 }
 
@@ -120,10 +125,7 @@ bool BenchModule::lay_pcie() {
            fail(space_.error());
 }
 
-bool BenchModule::start_platform() {
-    if (!options_.platform) {
-        return true;
-    }
+bool BenchModule::launch_platform() {
     std::vector<std::string> arguments{absolute(options_.platform_scenario)};
     if (options_.platform_after > 0) {
         arguments.insert(arguments.end(), {"--after", std::to_string(options_.platform_after)});
@@ -160,6 +162,9 @@ bool BenchModule::start_daemon() {
     SpawnRequest request;
     request.command = {absolute(options_.daemon)};
     request.environment["VEXA_DS_TARGET"] = std::to_string(options_.target);
+    if (record_.is_open()) {
+        request.environment["VEXA_RECORD"] = absolute(options_.record);
+    }
     request.environment["LD_PRELOAD"] = program_folder() + "/lib/libvexa_shim.so";
     request.output = writer.get();
     const auto child = space_.spawn(request);
@@ -203,10 +208,15 @@ std::vector<std::string> BenchModule::summary() const {
 
 void BenchModule::write_port(int port, std::string_view bytes) {
     const auto index = static_cast<std::size_t>(port);
-    if (port == kUartHostPort && !options_.record.empty()) {
-        record_.passed(MuxRecord::Direction::from_host, bytes);
+    const std::int64_t begun = record_.time();
+    const ssize_t taken = write(ports_[index].master.get(), bytes.data(), bytes.size());
+    if (taken <= 0) {
+        return;  // unplugged, or nobody has read for 64 KiB
     }
-    (void)!write(ports_[index].master.get(), bytes.data(), bytes.size());
+    bytes = bytes.substr(0, static_cast<std::size_t>(taken));
+    record_.typed(begun, kPorts[index].place, bytes);
+    port_traffic_[index].to_daemon += bytes.size();
+    ++port_traffic_[index].chunks_to_daemon;
 }
 
 void BenchModule::on_port_output(int port, std::function<void(std::string_view)> heard) {
@@ -221,9 +231,8 @@ void BenchModule::take_port_output(int port) {
         return;
     }
     const std::string_view text(bytes.data(), static_cast<std::size_t>(got));
-    if (port == kUartHostPort && !options_.record.empty()) {
-        record_.passed(MuxRecord::Direction::to_host, text);
-    }
+    port_traffic_[index].from_daemon += text.size();
+    ++port_traffic_[index].chunks_from_daemon;
     relays_[index]->say(text);
     if (heard_[index]) {
         heard_[index](text);
@@ -261,6 +270,9 @@ void BenchModule::take_channel_message(int index) {
         return;
     }
     message.resize(static_cast<std::size_t>(got));
+    Passed& traffic = channel_traffic_[static_cast<std::size_t>(index)];
+    traffic.from_daemon += message.size();
+    ++traffic.chunks_from_daemon;
     peer_->received(index, message, Clock::now());
     play_modem();
 }
@@ -272,9 +284,13 @@ void BenchModule::play_modem() {
             continue;
         }
         const int fd = channels_[static_cast<std::size_t>(delivery.channel)].connection.get();
-        if (fd >= 0) {
-            (void)!send(fd, delivery.bytes.data(), delivery.bytes.size(), MSG_NOSIGNAL);
+        if (fd < 0) {
+            continue;
         }
+        (void)!send(fd, delivery.bytes.data(), delivery.bytes.size(), MSG_NOSIGNAL);
+        Passed& traffic = channel_traffic_[static_cast<std::size_t>(delivery.channel)];
+        traffic.to_daemon += delivery.bytes.size();
+        ++traffic.chunks_to_daemon;
     }
     loop_.cancel(modem_timer_);
     if (const auto due = peer_->next_due()) {
@@ -294,6 +310,7 @@ void BenchModule::take_log() {
         return;
     }
     const auto size = static_cast<std::size_t>(got);
+    record_.log({bytes.data(), size});
     if (log_file_.is_open()) {
         (void)!write(log_file_.get(), bytes.data(), size);
     }
@@ -305,10 +322,18 @@ void BenchModule::take_log() {
 
 void BenchModule::take_exits() {
     while (const auto exit = space_.next_exit()) {
-        if (exit->pid == daemon_.pid && daemon_ended_) {
-            take_log();
-            daemon_ended_(WIFEXITED(exit->status) ? WEXITSTATUS(exit->status)
-                                                  : 128 + WTERMSIG(exit->status));
+        if (platform_ && exit->pid == platform_->pid) {
+            platform_.reset();
+        }
+        if (exit->pid != daemon_.pid) {
+            continue;
+        }
+        take_log();
+        const int status =
+            WIFEXITED(exit->status) ? WEXITSTATUS(exit->status) : 128 + WTERMSIG(exit->status);
+        record_.done("daemon-ended", {{"status", std::int64_t{status}}});
+        if (daemon_ended_) {
+            daemon_ended_(status);
         }
     }
 }
@@ -339,27 +364,6 @@ void BenchModule::look_if_ready() {
         change_mhi("connect", 0);
     }
     ready_();
-}
-
-bool BenchModule::change_mhi(const std::string& change, int channel) {
-    std::string state = "CONFIGURED";
-    if (change == "connect") {
-        state = "CONNECTED";
-    } else if (change == "disconnect") {
-        state = "DISCONNECTED";
-    } else if (change != "configure") {
-        error_ = "no such change: " + change;
-        return false;
-    }
-    std::string event =
-        "change@/devices/virtual/mhi/mhi_ctrl\nACTION=change\n"
-        "DEVPATH=/devices/virtual/mhi/mhi_ctrl\nSUBSYSTEM=mhi\n";
-    for (const int number : {32, 33}) {
-        if (channel == 0 || channel == number) {
-            event += "MHI_CHANNEL_STATE_" + std::to_string(number) + "=" + state + "\n";
-        }
-    }
-    return space_.send_uevent(event) || fail(space_.error());
 }
 
 }  // namespace bench

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <array>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -13,14 +14,34 @@
 #include "loop.h"
 #include "modem_peer.h"
 #include "module_space.h"
-#include "mux_record.h"
 #include "options.h"
 #include "relay.h"
+#include "scenario.h"
+#include "session_record.h"
 
 namespace bench {
 
+// Bytes and chunks of one place, each way.
+struct Passed {
+    std::uint64_t to_daemon = 0;
+    std::uint64_t chunks_to_daemon = 0;
+    std::uint64_t from_daemon = 0;
+    std::uint64_t chunks_from_daemon = 0;
+};
+
 enum HostPortIndex : int { kModemHostPort, kAtHostPort, kUartHostPort, kPciePipe };
 inline constexpr int kHostPortCount = 4;
+
+struct PortName {
+    const char* place;  // as the console and recordings call it
+    const char* name;
+    const char* path;
+};
+inline constexpr std::array<PortName, kHostPortCount> kPorts{
+    {{"modem", "modem port", "/dev/at_usb0"},
+     {"at", "AT port", "/dev/at_usb1"},
+     {"uart", "UART port", "/dev/ttyMSM1"},
+     {"pcie", "PCIe pipe", "/dev/mhi_pipe_32"}}};
 
 class BenchModule {
   public:
@@ -39,6 +60,8 @@ class BenchModule {
     std::vector<std::string> summary() const;
 
     void write_port(int port, std::string_view bytes);
+    // Everything the daemon was sent on a host port has been read by it.
+    bool is_port_read(int port) const;
     // What the module says on a host port, besides going to the pty outside.
     void on_port_output(int port, std::function<void(std::string_view)> heard);
 
@@ -52,8 +75,25 @@ class BenchModule {
     std::optional<Child> start_program(const std::string& name,
                                        const std::vector<std::string>& arguments, int output = -1,
                                        int input = -1);
+    // What the console can do to the module. False: error() tells why not.
     // "connect", "disconnect", "configure" of MHI channel 32, 33 or both (0), by a kernel uevent.
     bool change_mhi(const std::string& change, int channel);
+    bool unplug(const std::string& port);
+    bool plug(const std::string& port);
+    bool stop_platform();
+    bool start_platform();
+    // Other modem-control lines at a place ("modem", "cp-at"), by their names; the daemon is told.
+    bool set_lines(const std::string& place, const std::string& names);
+    std::string lines_of(const std::string& place);
+    // The modem answers by this scenario from now on, as if it had been started with it.
+    bool use_scenario(const std::string& path);
+    bool use_scenario_text(const std::string& name, const std::string& text);
+
+    SessionRecord& record() { return record_; }
+    // One line: the mode of each host port and whether the platform is there.
+    std::string status_line();
+    // What passed so far and what the daemon takes, a line each.
+    std::vector<std::string> stats() const;
 
   private:
     struct Channel {
@@ -62,10 +102,13 @@ class BenchModule {
     };
 
     bool lay_ports();
+    bool lay_port(int port);
+    bool launch_platform();
+    void play_scenario(Scenario scenario);
+    bool find_port(const std::string& port, int& index);
     bool lay_channels();
     bool lay_pcie();
     bool start_daemon();
-    bool start_platform();
     bool fail(const std::string& what);
     void take_port_output(int port);
     void take_channel_message(int channel);
@@ -86,10 +129,12 @@ class BenchModule {
     std::array<Channel, 3> channels_;
     std::unique_ptr<ModemPeer> peer_;
     int modem_timer_ = 0;
-    MuxRecord record_;
+    SessionRecord record_;
     UniqueFd log_;
     UniqueFd log_file_;
     std::string log_tail_;
+    std::array<Passed, kHostPortCount> port_traffic_;
+    std::array<Passed, 3> channel_traffic_;
     Child daemon_;
     std::optional<Child> platform_;
     std::function<void()> ready_;

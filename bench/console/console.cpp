@@ -1,6 +1,9 @@
 #include "console.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
+#include <iterator>
 #include <sstream>
 
 namespace bench {
@@ -14,15 +17,31 @@ constexpr std::string_view kDataPrompt = "data> ";
 // What the daemon says when a platform command finds no platform: an answer, but no result.
 constexpr std::string_view kNoPlatform = "app-plat is not running";
 
+constexpr auto kStatusPeriod = std::chrono::milliseconds(200);
+
 constexpr const char* kHelp =
     "a line is an AT command; after a message prompt, the message; after CONNECT, data (+++ ends)\n"
-    "  /esc                     give a message up\n"
-    "  /raw TEXT                send bytes as they stand: \\r \\n \\t \\e \\xHH\n"
-    "  mux send 4 ATD*99#\\r      bytes on a channel (with --port mux); mux expect 4 CONNECT\n"
+    "  /ports                   where each port can be reached, and its mode\n"
+    "  /unplug PORT, /plug PORT take a host port away, give it back: modem, at, uart, pcie\n"
+    "  /platform stop|start     the app platform goes, comes\n"
+    "  /signal NAME [on|off] [PLACE]\n"
+    "                           change a modem-control line (dtr rts cts dsr cd ri) of a host\n"
+    "                           port or of cp-modem, cp-at, cp-uart; without on or off the\n"
+    "                           other way round, without a place of the modem port\n"
     "  /mhi connect [32|33]     the host opens the PCIe channels (with --pcie); also disconnect,\n"
     "                           configure\n"
+    "  /scenario FILE           the modem answers by this file from now on\n"
+    "  /stats                   what passed so far, and what the daemon takes\n"
+    "  /esc                     give a message up\n"
+    "  /raw TEXT                send bytes as they stand: \\r \\n \\t \\e \\xHH\n"
+    "  mux send 4 ATD*99#\\r     bytes on a channel (with --port mux); mux expect 4 CONNECT\n"
     "  /log                     the end of what the daemon wrote\n"
     "  /quit, Ctrl-D            end; everything started ends too";
+
+std::vector<std::string> words_of(const std::string& text) {
+    std::istringstream stream(text);
+    return {std::istream_iterator<std::string>(stream), {}};
+}
 
 }  // namespace
 
@@ -49,6 +68,9 @@ void Console::run() {
     const auto ended = [this] { input_ended(); };
     input_ = interactive_ ? make_terminal_input(module_.loop(), took, ended)
                           : make_stream_input(module_.loop(), took, ended);
+    if (interactive_) {
+        keep_status();
+    }
     input_->run();
 }
 
@@ -103,6 +125,7 @@ void Console::carry_out(const std::string& line) {
 }
 
 void Console::send_command(const std::string& line) {
+    ++commands_;
     reader_.begin(line);
     results_left_ = results_expected(line);
     wait_for(line, "no final result of ");
@@ -167,6 +190,21 @@ void Console::own_command(const std::string& line) {
     const std::string rest = blank == std::string::npos ? "" : line.substr(blank + 1);
     if (name == "/help") {
         print(kHelp);
+    } else if (name == "/ports") {
+        show(module_.summary());
+        print("  " + module_.status_line());
+    } else if (name == "/plug" || name == "/unplug") {
+        plug_command(rest, name == "/plug");
+    } else if (name == "/platform") {
+        platform_command(rest);
+    } else if (name == "/signal") {
+        signal_command(rest);
+    } else if (name == "/scenario") {
+        scenario_command(rest);
+    } else if (name == "/stats") {
+        show(module_.stats());
+        print("  commands: " + std::to_string(commands_) + " sent here, " +
+              std::to_string(results_) + " final results");
     } else if (name == "/esc") {
         send_text("\x1b");
     } else if (name == "/raw") {
@@ -178,9 +216,84 @@ void Console::own_command(const std::string& line) {
     } else if (name == "/quit") {
         end();
     } else {
-        print("no such command; /help lists them");
+        print("no such command: " + name + "; /help lists them");
         all_answered_ = false;
     }
+}
+
+void Console::report(const std::string& name, bool is_done) {
+    if (!is_done) {
+        print(name + ": " + module_.error());
+        all_answered_ = false;
+    }
+}
+
+void Console::show(const std::vector<std::string>& lines) {
+    for (const std::string& line : lines) {
+        print(line);
+    }
+}
+
+void Console::plug_command(const std::string& arguments, bool is_plugged) {
+    const auto words = words_of(arguments);
+    const std::string port = words.size() == 1 ? words[0] : "";
+    report(is_plugged ? "/plug" : "/unplug",
+           is_plugged ? module_.plug(port) : module_.unplug(port));
+}
+
+void Console::platform_command(const std::string& arguments) {
+    const auto words = words_of(arguments);
+    if (words == std::vector<std::string>{"stop"}) {
+        report("/platform", module_.stop_platform());
+    } else if (words == std::vector<std::string>{"start"}) {
+        report("/platform", module_.start_platform());
+    } else {
+        print("/platform stop, or /platform start");
+        all_answered_ = false;
+    }
+}
+
+// NAME [on|off] [PLACE]: the other lines of the place stay as they are.
+void Console::signal_command(const std::string& arguments) {
+    auto words = words_of(arguments);
+    if (words.empty()) {
+        print("/signal NAME [on|off] [PLACE]; NAME is dtr, rts, cts, dsr, cd or ri");
+        all_answered_ = false;
+        return;
+    }
+    const bool has_state = words.size() > 1 && (words[1] == "on" || words[1] == "off");
+    const std::size_t place_at = has_state ? 2 : 1;
+    const std::string place = words.size() > place_at ? words[place_at] : "modem";
+    std::string name = words[0];
+    std::transform(name.begin(), name.end(), name.begin(), ::toupper);
+    auto lines = words_of(module_.lines_of(place));
+    const bool was_on = std::erase(lines, name) != 0;
+    if (has_state ? words[1] == "on" : !was_on) {
+        lines.push_back(name);
+    }
+    std::string names;
+    for (const std::string& line : lines) {
+        names += (names.empty() ? "" : " ") + line;
+    }
+    const bool is_done = module_.set_lines(place, names);
+    report("/signal", is_done);
+    if (is_done) {
+        print(place + " lines: " + (names.empty() ? "none" : names));
+    }
+}
+
+void Console::scenario_command(const std::string& path) {
+    if (path.empty()) {
+        print("/scenario FILE");
+        all_answered_ = false;
+        return;
+    }
+    report("/scenario", module_.use_scenario(path));
+}
+
+void Console::keep_status() {
+    input_->set_status(module_.status_line());
+    module_.loop().after(kStatusPeriod, [this] { keep_status(); });
 }
 
 void Console::mhi_command(const std::string& arguments) {
@@ -188,10 +301,7 @@ void Console::mhi_command(const std::string& arguments) {
     std::string change;
     int channel = 0;
     words >> change >> channel;
-    if (!module_.change_mhi(change, channel)) {
-        print("/mhi: " + module_.error());
-        all_answered_ = false;
-    }
+    report("/mhi", module_.change_mhi(change, channel));
 }
 
 void Console::heard(std::string_view bytes) {
@@ -222,6 +332,7 @@ void Console::got_prompt() {
 }
 
 void Console::got_final(const std::string&) {
+    ++results_;
     if (interactive_ && input_ != nullptr) {
         input_->set_prompt(std::string(reader_.in_data() ? kDataPrompt : kPrompt));
     }

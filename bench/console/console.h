@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "answer_reader.h"
 #include "bench_module.h"
@@ -41,7 +42,15 @@ class Console {
     // Its time begins; not on a terminal, where the person decides.
     void wait_for(const std::string& command, const char* complaint);
     void own_command(const std::string& line);
+    // Tells why not, when a command of the console's own failed.
+    void report(const std::string& name, bool is_done);
     void mhi_command(const std::string& arguments);
+    void plug_command(const std::string& arguments, bool is_plugged);
+    void platform_command(const std::string& arguments);
+    void signal_command(const std::string& arguments);
+    void scenario_command(const std::string& arguments);
+    void show(const std::vector<std::string>& lines);
+    void keep_status();
     void heard(std::string_view bytes);
     void got_prompt();
     void got_final(const std::string& text);
@@ -61,6 +70,8 @@ class Console {
     bool wants_text_ = false;    // the module asked for message text
     bool ended_ = false;
     bool all_answered_ = true;
+    int commands_ = 0;
+    int results_ = 0;
     int timer_ = 0;
     std::string error_;
 };

@@ -1,13 +1,16 @@
 #include "line_input.h"
 
 #include <histedit.h>
+#include <signal.h>
 #include <sys/epoll.h>
 #include <unistd.h>
 
 #include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 
+#include "status_line.h"
 #include "unique_fd.h"
 
 namespace bench {
@@ -106,6 +109,11 @@ class TerminalInput : public LineInput {
           history_(history_init()) {
         HistEvent event;
         history(history_, &event, H_SETSIZE, kHistoryLines);
+        history(history_, &event, H_SETUNIQUE, 1);
+        if (!history_file_.empty()) {
+            history(history_, &event, H_LOAD, history_file_.c_str());
+        }
+        loop_.on_signal(SIGWINCH, [this] { status_.resized(); });
         el_set(editor_, EL_CLIENTDATA, this);
         el_set(editor_, EL_PROMPT, &TerminalInput::prompt);
         el_set(editor_, EL_EDITOR, "emacs");
@@ -113,6 +121,10 @@ class TerminalInput : public LineInput {
         el_set(editor_, EL_GETCFN, &TerminalInput::next_key);
     }
     ~TerminalInput() override {
+        HistEvent event;
+        if (!history_file_.empty()) {
+            history(history_, &event, H_SAVE, history_file_.c_str());
+        }
         history_end(history_);
         el_end(editor_);
     }
@@ -163,8 +175,25 @@ class TerminalInput : public LineInput {
         }
     }
 
+    void set_status(const std::string& text) override { status_.set(text); }
+
   private:
     static constexpr int kHistoryLines = 200;
+
+    // Where the lines typed earlier are kept, as the XDG base directories have it. Empty: nowhere.
+    static std::string history_file() {
+        const char* state = getenv("XDG_STATE_HOME");
+        const char* home = getenv("HOME");
+        if (state == nullptr && home == nullptr) {
+            return {};
+        }
+        const std::string folder =
+            (state != nullptr ? std::string(state) : std::string(home) + "/.local/state") +
+            "/vexa-bench";
+        std::error_code error;
+        std::filesystem::create_directories(folder, error);
+        return error ? std::string() : folder + "/history";
+    }
 
     static TerminalInput* self(EditLine* editor) {
         void* data = nullptr;
@@ -205,7 +234,9 @@ class TerminalInput : public LineInput {
     InputWatch watch_;
     EditLine* editor_;
     History* history_;
+    std::string history_file_ = history_file();
     std::string prompt_ = "AT> ";
+    StatusLine status_;
 };
 
 }  // namespace

@@ -20,6 +20,8 @@ class LineInput {
     // Text that comes in the middle of a line being typed.
     virtual void print(const std::string& text) = 0;
     virtual void set_prompt(const std::string& prompt) = 0;
+    // What stands at the bottom of the terminal; elsewhere nothing.
+    virtual void set_status(const std::string& /*text*/) {}
 };
 
 std::unique_ptr<LineInput> make_terminal_input(Loop& loop, LineInput::TookLine took,

@@ -29,7 +29,8 @@ std::optional<BenchOptions> parse_options(int argc, char** argv, int& status) {
     app.add_option("--platform-after", options.platform_after,
                    "Start the app platform so many seconds late")
         ->check(CLI::NonNegativeNumber);
-    app.add_option("--record", options.record, "Save the UART's multiplexer frames as a pcap file");
+    app.add_option("--record", options.record,
+                   "Record what passes every boundary (docs/recording.md)");
     app.add_flag("--pcie", options.pcie, "Attach the module over PCIe (--port pcie does, too)");
     app.add_option("--target", options.target, "Target number of the module")
         ->capture_default_str();

@@ -12,7 +12,8 @@ struct BenchOptions {
     std::string platform_scenario;  // the app platform's
     bool platform = true;
     double platform_after = 0;  // seconds
-    std::string record;         // pcap of the UART's frames
+    std::string record;         // file for everything that passes (docs/recording.md)
+    std::string replay;         // recording to play again
     bool pcie = false;
     std::string daemon;    // program
     std::string log;       // file for the daemon's output

@@ -20,7 +20,10 @@ constexpr auto kServiceDeadline = 10s;
 QmiRoad::QmiRoad(BenchModule& module)
     : module_(module),
       wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      client_([this](const std::string& text) { put(text); }) {}
+      client_([this](const std::string& text) {
+          module_.record().qmi_indication(text);
+          put(text);
+      }) {}
 
 QmiRoad::~QmiRoad() {
     client_.disconnect();
@@ -49,7 +52,11 @@ bool QmiRoad::open(const std::function<void()>& opened) {
 }
 
 void QmiRoad::send(std::string_view bytes) {
+    module_.record().qmi_request(bytes);
     client_.ask_later(bytes, [this](const QmiAnswer& answer) {
+        if (answer.arrived) {
+            module_.record().qmi_answer(answer.text, answer.result, answer.error);
+        }
         if (!answer.arrived) {
             put({}, "the QMI AT service went away");
         } else if (answer.result != 0) {

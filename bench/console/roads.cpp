@@ -52,12 +52,21 @@ class UdpRoad : public Road {
         server.sin_family = AF_INET;
         server.sin_port = htons(5555);
         server.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        const std::int64_t begun = module_.record().time();
         (void)!sendto(socket_.get(), bytes.data(), bytes.size(), 0,
                       reinterpret_cast<sockaddr*>(&server), sizeof server);
+        module_.record().typed_datagram(begun, own_name(), bytes);
     }
     std::string title() const override { return "the UDP server, port 5555 inside the module"; }
 
   private:
+    // As the server sees this client. The port is there after the first datagram.
+    std::string own_name() const {
+        sockaddr_in own{};
+        socklen_t size = sizeof own;
+        getsockname(socket_.get(), reinterpret_cast<sockaddr*>(&own), &size);
+        return "127.0.0.1:" + std::to_string(ntohs(own.sin_port));
+    }
     void take_datagram() {
         std::array<char, 65536> bytes;
         const ssize_t got = recv(socket_.get(), bytes.data(), bytes.size(), MSG_DONTWAIT);

@@ -48,7 +48,9 @@ int run(const bench::BenchOptions& options) {
     if (status < 0) {
         console.run();
     }
-    return status >= 0 ? status : console.status();
+    status = status >= 0 ? status : console.status();
+    module.record().end(status);
+    return status;
 }
 
 }  // namespace

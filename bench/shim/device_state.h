@@ -50,8 +50,9 @@ struct DeviceState {
     Word settings;  // tcsetattr calls that went through
     Word last_settings_speed;
     Word polls_since_open;  // polls begun since the last success of open: 1 says it is served
+    Word port_mode;         // 1 + the host port's mode; 0: not known
 };
-static_assert(sizeof(DeviceState) == 25 * 4);
+static_assert(sizeof(DeviceState) == 26 * 4);
 static_assert(Word::is_always_lock_free);
 
 struct ModuleState {

@@ -3,6 +3,7 @@
 // daemon and passes on whatever does not concern one of the module's devices.
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
@@ -22,6 +23,7 @@
 #include <cstring>
 
 #include "device_state.h"
+#include "shim_record.h"
 
 #ifndef __clang__
 // libc declares poll's array as written only; it is read here as the kernel reads it.
@@ -58,6 +60,9 @@ Function* next(std::atomic<void*>& cache, const char* name) {
 
 // 1 + index of the device a descriptor belongs to, 0 for every other descriptor.
 std::array<std::atomic<int>, kMaxDescriptors> g_device_of;
+// Number of the connection to the app platform, from 1; 0 for every other descriptor.
+std::array<std::atomic<int>, kMaxDescriptors> g_connection_of;
+std::atomic<int> g_connections{0};
 bench::ModuleState* g_state = nullptr;
 std::array<int, kDevicePaths.size()> g_wake;
 
@@ -77,6 +82,11 @@ void remember(int fd, int tag) {
     if (fd >= 0 && fd < kMaxDescriptors) {
         g_device_of[static_cast<std::size_t>(fd)].store(tag);
     }
+}
+
+int connection_of(int fd) {
+    return fd < 0 || fd >= kMaxDescriptors ? 0
+                                           : g_connection_of[static_cast<std::size_t>(fd)].load();
 }
 
 void copy_tag(int from, int to) {
@@ -143,16 +153,21 @@ int open_device(const char* path, int flags, Open really) {
         remember(fd, kNoDevice);
         return fd;
     }
-    DeviceState& device = g_state->devices[static_cast<std::size_t>(tag - 1)];
+    const auto index = static_cast<std::size_t>(tag - 1);
+    DeviceState& device = g_state->devices[index];
+    const std::int64_t begun = bench::record_time();
+    int fd = -1;
     if (take_fault(device.open_refusals)) {
-        return fail(device.open_error.load());
+        fail(device.open_error.load());
+    } else {
+        fd = is_socket(path) ? open_channel(path, flags) : really();
     }
-    const int fd = is_socket(path) ? open_channel(path, flags) : really();
     if (fd >= 0) {
         remember(fd, tag);
         device.polls_since_open = 0;
         ++device.opens;
     }
+    bench::record_open(index, begun, fd);
     return fd;
 }
 
@@ -180,23 +195,30 @@ std::uint32_t intent_size(void* argument) {
     return readable ? size : 0;
 }
 
+int take_intent(DeviceState& device, std::uint32_t size) {
+    const int result = take_fault(device.intent_refusals) ? fail(EIO) : 0;
+    if (result == 0) {
+        device.intent_size = size;
+        ++device.intents;
+    }
+    bench::record_intent(index_of(&device), size, result);
+    return result;
+}
+
 int control_device(DeviceState& device, unsigned long request, void* argument) {
     switch (request) {
         case TIOCMGET:
             *static_cast<int*>(argument) = static_cast<int>(device.modem_bits.load());
             ++device.modem_gets;
+            bench::record_lines(index_of(&device), false, device.modem_bits.load());
             return 0;
         case TIOCMSET:
             device.modem_bits = static_cast<std::uint32_t>(*static_cast<int*>(argument));
             ++device.modem_sets;
+            bench::record_lines(index_of(&device), true, device.modem_bits.load());
             return 0;
         default:
-            if (take_fault(device.intent_refusals)) {
-                return fail(EIO);
-            }
-            device.intent_size = intent_size(argument);
-            ++device.intents;
-            return 0;
+            return take_intent(device, intent_size(argument));
     }
 }
 
@@ -270,6 +292,9 @@ int poll_devices(pollfd* fds, nfds_t count, Wait wait) {
         for (nfds_t at = 0; at < count; ++at) {
             fds[at].revents = static_cast<short>(set.entries[at].revents | pending[at]);
             spoke += fds[at].revents != 0 ? 1 : 0;
+            if (const DeviceState* device = device_of(fds[at].fd)) {
+                bench::record_poll(index_of(device), fds[at].revents);
+            }
         }
         if (spoke != 0 || !woken) {
             return spoke;
@@ -277,9 +302,85 @@ int poll_devices(pollfd* fds, nfds_t count, Wait wait) {
     }
 }
 
+// The daemon's own mode variables, by its dynamic symbols; null when it has none.
+struct PortModeSource {
+    const char* symbol;
+    std::size_t device;
+    const int* mode = nullptr;
+    std::atomic<int> published{-1};
+};
+constinit std::array<PortModeSource, 3> g_modes{
+    {{"g_usb_modem_port_mode", 0}, {"g_usb_at_port_mode", 1}, {"g_usb_uart_port_mode", 3}}};
+
+void find_modes() {
+    for (PortModeSource& source : g_modes) {
+        source.mode = static_cast<const int*>(dlsym(RTLD_DEFAULT, source.symbol));
+    }
+}
+
+// Looked at where the daemon calls: a mode moves only between two calls.
+void publish_modes() {
+    for (PortModeSource& source : g_modes) {
+        if (source.mode == nullptr) {
+            continue;
+        }
+        const int mode = __atomic_load_n(source.mode, __ATOMIC_RELAXED);
+        const int before = source.published.exchange(mode);
+        if (before == mode) {
+            continue;
+        }
+        if (g_state != nullptr) {
+            g_state->devices[source.device].port_mode = static_cast<std::uint32_t>(mode) + 1;
+        }
+        if (before >= 0) {
+            bench::record_mode(source.device, mode);
+        }
+    }
+}
+
+ssize_t write_device(DeviceState& device, int fd, const void* buffer, std::size_t size) {
+    ++device.write_calls;
+    if (take_fault(device.write_refusals)) {
+        return fail(device.write_error.load());
+    }
+    const std::uint32_t limit = device.write_limit.load();
+    const std::size_t taken = limit == 0 ? size : std::min<std::size_t>(size, limit);
+    const ssize_t sent = NEXT(send)(fd, buffer, taken, MSG_NOSIGNAL);
+    if (sent >= 0 || errno != ENOTSOCK) {
+        return sent;
+    }
+    return NEXT(write)(fd, buffer, taken);
+}
+
+void record_hang_ups(const pollfd* fds, nfds_t count) {
+    for (nfds_t at = 0; at < count; ++at) {
+        const int connection = connection_of(fds[at].fd);
+        if (connection != 0 && (fds[at].revents & POLLHUP) != 0) {
+            bench::record_platform_event(connection, bench::record_time(), "hangup", 0);
+        }
+    }
+}
+
+// The one UNIX socket that the daemon connects to, beside the packet channels that open() does.
+bool is_platform(const sockaddr* address) {
+    if (address == nullptr || address->sa_family != AF_UNIX) {
+        return false;
+    }
+    const char* path = reinterpret_cast<const sockaddr_un*>(address)->sun_path;
+    return strncmp(path, "/dev/socket/", strlen("/dev/socket/")) == 0;
+}
+
+bool is_netlink(int fd) {
+    int domain = 0;
+    socklen_t size = sizeof domain;
+    return getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &size) == 0 && domain == AF_NETLINK;
+}
+
 __attribute__((constructor)) void enter() {
     unsetenv("LD_PRELOAD");  // shells and other children are none of the module's business
+    bench::begin_recording();
     setvbuf(stdout, nullptr, _IOLBF, 0);
+    find_modes();
     for (std::size_t index = 0; index < g_wake.size(); ++index) {
         std::array<char, 64> path;
         snprintf(path.data(), path.size(), "%s%zu", bench::kWakePrefix, index);
@@ -336,6 +437,11 @@ int close(int fd) {
     if (DeviceState* device = device_of(fd)) {
         remember(fd, kNoDevice);
         ++device->closes;
+        bench::record_close(index_of(device));
+    }
+    if (const int connection = connection_of(fd)) {
+        g_connection_of[static_cast<std::size_t>(fd)] = 0;
+        bench::record_platform_event(connection, bench::record_time(), "close", 0);
     }
     return NEXT(close)(fd);
 }
@@ -396,8 +502,13 @@ int fcntl64(int fd, int command, ...) {
 }
 
 int poll(pollfd* fds, nfds_t count, int timeout) {
+    publish_modes();
     if (g_state == nullptr || count > kMaxPolled || !has_device(fds, count)) {
-        return NEXT(poll)(fds, count, timeout);
+        const int spoke = NEXT(poll)(fds, count, timeout);
+        if (spoke > 0 && bench::is_recording()) {
+            record_hang_ups(fds, count);
+        }
+        return spoke;
     }
     return poll_devices(fds, count, [timeout](pollfd* set, nfds_t size, bool at_once) {
         return NEXT(poll)(set, size, at_once ? 0 : timeout);
@@ -425,10 +536,13 @@ int __ppoll_chk(pollfd* fds, nfds_t count, const timespec* timeout, const sigset
 
 ssize_t read(int fd, void* buffer, std::size_t size) {
     DeviceState* device = device_of(fd);
-    if (device != nullptr && take_fault(device->read_refusals)) {
-        return fail(device->read_error.load());
+    if (device == nullptr) {
+        return NEXT(read)(fd, buffer, size);
     }
-    return NEXT(read)(fd, buffer, size);
+    const ssize_t got = take_fault(device->read_refusals) ? fail(device->read_error.load())
+                                                          : NEXT(read)(fd, buffer, size);
+    bench::record_read(index_of(device), buffer, got);
+    return got;
 }
 
 ssize_t __read_chk(int fd, void* buffer, std::size_t size, std::size_t /*bytes*/) {
@@ -440,17 +554,11 @@ ssize_t write(int fd, const void* buffer, std::size_t size) {
     if (device == nullptr) {
         return NEXT(write)(fd, buffer, size);
     }
-    ++device->write_calls;
-    if (take_fault(device->write_refusals)) {
-        return fail(device->write_error.load());
-    }
-    const std::uint32_t limit = device->write_limit.load();
-    const std::size_t taken = limit == 0 ? size : std::min<std::size_t>(size, limit);
-    const ssize_t sent = send(fd, buffer, taken, MSG_NOSIGNAL);
-    if (sent >= 0 || errno != ENOTSOCK) {
-        return sent;
-    }
-    return NEXT(write)(fd, buffer, taken);
+    publish_modes();
+    const std::int64_t begun = bench::record_time();
+    const ssize_t sent = write_device(*device, fd, buffer, size);
+    bench::record_write(index_of(device), begun, buffer, size, sent);
+    return sent;
 }
 
 ssize_t writev(int fd, const iovec* parts, int count) {
@@ -469,8 +577,79 @@ int tcsetattr(int fd, int when, const termios* settings) noexcept {
     if (device != nullptr && result == 0) {
         device->last_settings_speed = cfgetospeed(settings);
         ++device->settings;
+        bench::record_settings(index_of(device), cfgetospeed(settings));
     }
     return result;
+}
+
+int connect(int fd, const sockaddr* address, socklen_t size) {
+    if (!is_platform(address) || fd >= kMaxDescriptors) {
+        return NEXT(connect)(fd, address, size);
+    }
+    const std::int64_t begun = bench::record_time();
+    const int result = NEXT(connect)(fd, address, size);
+    const int number = ++g_connections;
+    if (result == 0) {
+        g_connection_of[static_cast<std::size_t>(fd)] = number;
+    }
+    bench::record_platform_event(number, begun, "connect", result);
+    return result;
+}
+
+ssize_t send(int fd, const void* bytes, std::size_t size, int flags) {
+    const std::int64_t begun = bench::record_time();
+    const ssize_t sent = NEXT(send)(fd, bytes, size, flags);
+    if (const int connection = connection_of(fd)) {
+        bench::record_platform_sent(connection, begun, bytes, size, sent);
+    }
+    return sent;
+}
+
+ssize_t recv(int fd, void* bytes, std::size_t size, int flags) {
+    const ssize_t got = NEXT(recv)(fd, bytes, size, flags);
+    if (!bench::is_recording() || (flags & MSG_PEEK) != 0) {
+        return got;
+    }
+    // Never more than the area took, whatever MSG_TRUNC tells.
+    const ssize_t kept = std::min(got, static_cast<ssize_t>(size));
+    if (const int connection = connection_of(fd)) {
+        bench::record_platform_received(connection, bytes, kept);
+    } else if (is_netlink(fd)) {
+        bench::record_uevent(bytes, kept);
+    }
+    return got;
+}
+
+ssize_t __recv_chk(int fd, void* bytes, std::size_t size, std::size_t /*area*/, int flags) {
+    return recv(fd, bytes, size, flags);
+}
+
+ssize_t sendto(int fd, const void* bytes, std::size_t size, int flags, const sockaddr* to,
+               socklen_t to_size) {
+    const std::int64_t begun = bench::record_time();
+    const ssize_t sent = NEXT(sendto)(fd, bytes, size, flags, to, to_size);
+    if (bench::is_recording() && to != nullptr && to->sa_family == AF_INET) {
+        sockaddr_in peer;
+        memcpy(&peer, to, sizeof peer);
+        bench::record_datagram_sent(begun, peer, bytes, size, sent);
+    }
+    return sent;
+}
+
+ssize_t recvfrom(int fd, void* bytes, std::size_t size, int flags, sockaddr* from,
+                 socklen_t* from_size) {
+    const ssize_t got = NEXT(recvfrom)(fd, bytes, size, flags, from, from_size);
+    if (bench::is_recording() && got >= 0 && from != nullptr && from->sa_family == AF_INET) {
+        sockaddr_in peer;
+        memcpy(&peer, from, sizeof peer);
+        bench::record_datagram_received(peer, bytes, got);
+    }
+    return got;
+}
+
+ssize_t __recvfrom_chk(int fd, void* bytes, std::size_t size, std::size_t /*area*/, int flags,
+                       sockaddr* from, socklen_t* from_size) {
+    return recvfrom(fd, bytes, size, flags, from, from_size);
 }
 
 }  // extern "C"
