@@ -29,6 +29,7 @@ RECEIVER = "port_bridge/src/platform_receiver.cpp"
 UDP = "socket/src/vexa_socket_server.h"
 SECURITY = "docs/security.md"
 ROADS = "docs/architecture.md"
+MANUAL = "docs/man/vexa_at_client.8"
 
 FIGURES = [
     Figure(PROTOCOL, "| payload of a pack to the daemon | {} bytes", PACK, "kReceivedPayloadMax"),
@@ -53,6 +54,7 @@ FIGURES = [
     Figure(LIMITS, "or {} s (app platform)", DISPATCH, "kPlatformWaitSeconds"),
     Figure(LIMITS, "payload of more than {} bytes", PACK, "kReceivedPayloadMax"),
     Figure(LIMITS, "is held for up to {} s", RECEIVER, "kCpWaitSeconds"),
+    Figure(LIMITS, "the command's own {} s", DISPATCH, "kCpWaitSeconds"),
     Figure(LIMITS, "Port {} is bound", UDP, "kUdpAtServerPort"),
     Figure(SECURITY, "UDP port {}", UDP, "kUdpAtServerPort"),
     Figure(SECURITY, "{} bytes in a read", HEADS, "kDeviceReadSize"),
@@ -60,6 +62,10 @@ FIGURES = [
     Figure(SECURITY, "above {} bytes", PACK, "kReceivedPayloadMax"),
     Figure(ROADS, "waits up to {} s for the modem", DISPATCH, "kCpWaitSeconds"),
     Figure(ROADS, "up to {} s for the platform", DISPATCH, "kPlatformWaitSeconds"),
+    Figure(MANUAL, "waited for {} s (modem)", DISPATCH, "kCpWaitSeconds"),
+    Figure(MANUAL, "or {} s (app platform)", DISPATCH, "kPlatformWaitSeconds"),
+    Figure(MANUAL, "A line past {} characters", HEADS, "kDeviceReadSize"),
+    Figure(MANUAL, "datagram to port {}", UDP, "kUdpAtServerPort"),
     Figure(ROADS, "port {}", UDP, "kUdpAtServerPort"),
 ]
 
