@@ -45,7 +45,7 @@ def tracked(*lines: dict[str, Any]) -> tuple[list[Command], int]:
 
 
 class Sums(unittest.TestCase):
-    """Rows: why, session, number of the command, what its sentence holds, whether it is answered."""
+    """Rows: why, session, number of the command, what its sentence holds, is it answered."""
 
     ROWS: list[tuple[str, Rows, int, list[str], bool]] = [
         ("CP answers", cp_command(100, b"AT+CFUN?\r"), 0,
@@ -54,7 +54,8 @@ class Sums(unittest.TestCase):
          ["CP answered +CME ERROR: 3"], True),
         ("the platform answers, echo before it",
          [*host(100, b"AT+CGMR\r"), to_platform(120, b"AT+CGMR\r"),
-          from_platform(130, b"\r\nV1\r\n", OK), said(170, "at", "out", b"AT+CGMR\r\r\nV1\r\n" + OK)],
+          from_platform(130, b"\r\nV1\r\n", OK),
+          said(170, "at", "out", b"AT+CGMR\r\r\nV1\r\n" + OK)],
          0, ["went to the platform; the platform answered OK; 70 µs"], True),
         ("both; CP says nothing and nobody waits for it",
          [*host(100, b"ATE0\r"), said(120, "cp-at", "out", b"ATE0\r"), to_platform(121, b"ATE0\r"),
@@ -67,7 +68,8 @@ class Sums(unittest.TestCase):
                              to_platform(141, b"ATV1\r\n"), from_platform(150, OK),
                              said(151, "at", "out", OK)], 0,
          ["went to CP (cp-at) and the platform", "the platform answered OK, OK; 51 µs"], True),
-        ("not split, though it could be", cp_command(100, b"ATX4S0\r"), 0, ["CP answered OK"], True),
+        ("not split, though it could be", cp_command(100, b"ATX4S0\r"), 0,
+         ["CP answered OK"], True),
         ("blanks are taken out", [*host(100, b"AT + CFUN ?\r"),
                                   said(120, "cp-at", "out", b"AT+CFUN?\r"),
                                   said(130, "cp-at", "in", OK), said(131, "at", "out", OK)], 0,
@@ -104,7 +106,8 @@ class Sums(unittest.TestCase):
          ["no write to CP or the platform: cp-at was closed"], False),
         ("never read", [said(100, "at", "typed", b"AT\r")], 0, ["never read by the daemon"], False),
         ("unplugged", [*host(100, b"AT\r"), said(120, "cp-at", "out", b"AT\r"),
-                       happened(130, "bench", "unplug", port="at")], 0, ["at was unplugged"], False),
+                       happened(130, "bench", "unplug", port="at")], 0,
+         ["at was unplugged"], False),
         ("the daemon's own answer", [*host(100, b"AT+CMUX=0\r", "uart"),
                                      happened(120, "uart", "mode", mode="mux"),
                                      said(121, "uart", "out", OK)], 0,
@@ -143,11 +146,24 @@ class Doubts(unittest.TestCase):
         return [leg.remark for leg in commands[number].legs_of("answer")]
 
     def test_names_of_others(self) -> None:
-        start = [*host(100, b"AT+CFUN?\r"), said(120, "cp-at", "out", b"AT+CFUN?\r")]
-        self.assertEqual(self.remarks(*start, said(130, "cp-at", "in", b"\r\n+CFUN: 1\r\n"),
-                                      said(140, "cp-at", "in", b"\r\n+CREG: 1\r\n"),
-                                      said(150, "cp-at", "in", OK)),
-                         ["", "names nothing that was asked for, perhaps unsolicited", ""])
+        foreign = b"\r\n+CREG: 1\r\n"
+        commands, end = tracked(
+            *host(100, b"AT+CFUN?\r"), said(120, "cp-at", "out", b"AT+CFUN?\r"),
+            said(130, "cp-at", "in", b"\r\n+CFUN: 1\r\n"), said(140, "cp-at", "in", foreign),
+            said(141, "at", "out", foreign))
+        self.assertEqual([leg.text for leg in commands[0].strays], [foreign])
+        self.assertEqual(len(commands[0].legs_of("answer")), 1)
+        self.assertIn("CP spoke without a final result", verdict(commands[0], end))
+
+    def test_foreign_names_alone_are_no_answer(self) -> None:
+        commands, end = tracked(*host(100, b"AT+CFUN?\r"),
+                                said(120, "cp-at", "out", b"AT+CFUN?\r"),
+                                said(140, "cp-at", "in", b"\r\n+CREG: 1\r\n"))
+        self.assertIn("CP said nothing: waited until", verdict(commands[0], end))
+
+    def test_a_final_result_beside_foreign_names_is_an_answer(self) -> None:
+        self.assertEqual(self.remarks(*cp_command(100, b"ATI\r", b"\r\n+GCAP: 1\r\n" + OK)),
+                         [""])
 
     def test_two_wait(self) -> None:
         start = [*host(100, b"AT\r"), said(120, "cp-at", "out", b"AT\r"),
@@ -206,7 +222,7 @@ class Legs(unittest.TestCase):
                          "that answer was not written to at: at was closed")
 
     def test_unsolicited_text_is_not_the_daemons_own(self) -> None:
-        lines = [*host(100, b"AT\r"), said(115, "platform", "in", pack(b"\r\n+X: 1\r\n", 0), conn=2),
+        lines = [*host(100, b"AT\r"), from_platform(115, b"\r\n+X: 1\r\n", kind=0),
                  said(116, "at", "out", b"\r\n+X: 1\r\n")]
         self.assertEqual(self.kinds(*lines), ["typed", "read"])
 

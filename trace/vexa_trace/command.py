@@ -67,6 +67,7 @@ class Command:
     wanted: list[list[bytes]] = field(default_factory=list)  # forms in which it may be written
     finals: dict[str, str] = field(default_factory=dict)  # target: its final result
     written: dict[str, int] = field(default_factory=dict)  # target: when last
+    strays: list[Leg] = field(default_factory=list)  # perhaps unsolicited, while it waited
     _progress: dict[str, tuple[int, bytes]] = field(default_factory=dict)
     _tails: dict[str, bytes] = field(default_factory=dict)
 

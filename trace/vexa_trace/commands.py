@@ -4,7 +4,7 @@ from __future__ import annotations
 
 from dataclasses import dataclass
 
-from .command import PLATFORM, Command, deadline_of, has_final, names_in
+from .command import PLATFORM, Command, Leg, deadline_of, has_final, names_in
 from .decode import Decoder, Message
 from .lines import LineAssembly, Typed, bare, is_repeat
 from .recording import CP_CHANNELS, Event, Recording
@@ -31,15 +31,19 @@ class _Delivery:
     command: Command | None
 
 
+def _is_stray(command: Command, text: bytes) -> bool:
+    """Names extended commands, none of them the command's own, and ends nothing."""
+    names = names_in(text) - {b"+CME", b"+CMS"}
+    return bool(names) and not command.names_its_own(text) and not has_final(text)
+
+
 def _doubt(command: Command, others: list[Command], text: bytes, is_late: bool) -> str:
     """Why it is a guess that this text answers this command; empty when it is none."""
-    if command.names_its_own(text):
-        return "after the deadline" if is_late else ""
-    if names_in(text) - {b"+CME", b"+CMS"}:
-        return "names nothing that was asked for, perhaps unsolicited"
-    if others:
+    if is_late:
+        return "after the deadline"
+    if others and not command.names_its_own(text):
         return f"{escaped(others[-1].text)} had no final result there either"
-    return "after the deadline" if is_late else ""
+    return ""
 
 
 class Tracker:
@@ -208,6 +212,9 @@ class Tracker:
         command = waiting[0 if is_mux else -1]
         is_late = event.t - command.written[target] > deadline_of(target)
         if is_late and not has_final(text):
+            return None
+        if _is_stray(command, text):
+            command.strays.append(Leg(event.t, "answer", target, text))
             return None
         others = [one for one in waiting if one is not command and
                   event.t - one.written[target] <= deadline_of(target)]

@@ -56,7 +56,7 @@ def _nowhere(command: Command) -> str:
 
 def _total(command: Command) -> str:
     last = max((leg.t for leg in command.legs_of("delivered", "own")), default=None)
-    if last is None:
+    if last is None or not is_answered(command):
         return ""
     start = "typed" if command.legs_of("typed") else "read"
     return f"{span(last - command.begun)} from {start} to answered"
@@ -123,6 +123,17 @@ class Report:
             since = f"+{span(leg.t - last)}" if leg.t > last and not self._is_log else ""
             yield f"  {time_text(leg.t, self._is_log)} {since:>11}  {self._leg(leg)}"
             last = leg.t
+        yield from self._strays(command)
+
+    def _strays(self, command: Command) -> Iterator[str]:
+        seen: dict[tuple[str, bytes], list[int]] = {}
+        for leg in command.strays:
+            seen.setdefault((leg.place, leg.text), []).append(leg.t)
+        for (place, text), times in seen.items():
+            count = f"{len(times)} times, first" if len(times) > 1 else "once,"
+            first = time_text(times[0], self._is_log).strip()
+            yield (f"  meanwhile {_who(place)} said {escaped(text, self._view.full)}"
+                   f" {count} at {first}: perhaps unsolicited (a guess)")
 
     def _leg(self, leg: Leg) -> str:
         place = self._paint(colour_of(leg.place.split(" ")[0]), leg.place.split(" ")[0])
