@@ -11,6 +11,14 @@ set(CMAKE_CROSSCOMPILING_EMULATOR /usr/bin/qemu-arm;-L;${VEXA_ARM_SYSROOT})
 
 set(CMAKE_FIND_ROOT_PATH ${VEXA_ARM_SYSROOT})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+# What is linked from Debian's own packages of that architecture, unpacked somewhere (script/package).
+set(place ONLY)
+if(VEXA_ARMHF_ROOT)
+    list(PREPEND CMAKE_FIND_ROOT_PATH ${VEXA_ARMHF_ROOT})
+    set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
+    # CLI11 is headers only, and this machine's.
+    set(place BOTH)
+endif()
+foreach(kind LIBRARY INCLUDE PACKAGE)
+    set(CMAKE_FIND_ROOT_PATH_MODE_${kind} ${place})
+endforeach()

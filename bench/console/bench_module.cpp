@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -42,6 +43,20 @@ std::string file_name(const std::string& path) {
     return std::filesystem::path(path).filename().string();
 }
 
+// An installed daemon finds no platform libraries by itself where it is not on a module: what is
+// started here, and only that, gets the installed stand-ins. In a build folder there are none.
+void offer_standins() {
+    std::string folders = program_folder() + "/standins";
+    if (!std::filesystem::exists(folders)) {
+        return;
+    }
+    const char* earlier = getenv("LD_LIBRARY_PATH");
+    if (earlier != nullptr && *earlier != '\0') {
+        folders = std::string(earlier) + ":" + folders;
+    }
+    setenv("LD_LIBRARY_PATH", folders.c_str(), 1);
+}
+
 std::string absolute(const std::string& path) {
     return std::filesystem::absolute(path).string();
 }
@@ -61,6 +76,7 @@ bool BenchModule::start() {
     if (!options_.record.empty() && !record_.create(options_)) {
         return fail(system_error(options_.record));
     }
+    offer_standins();
     if (!space_.open(program_folder())) {
         return fail(space_.error());
     }

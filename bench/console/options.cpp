@@ -8,8 +8,8 @@ namespace bench {
 
 std::optional<BenchOptions> parse_options(int argc, char** argv, int& status) {
     BenchOptions options;
-    options.scenario = VEXA_SCENARIO_FOLDER "/modem-default.txt";
-    options.platform_scenario = VEXA_SCENARIO_FOLDER "/platform-default.txt";
+    options.scenario = program_folder() + "/scenarios/modem-default.txt";
+    options.platform_scenario = program_folder() + "/scenarios/platform-default.txt";
     options.daemon = program_folder() + "/vexa_at_client";
 
     CLI::App app(
