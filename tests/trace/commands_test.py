@@ -159,7 +159,8 @@ class Doubts(unittest.TestCase):
         commands, end = tracked(*host(100, b"AT+CFUN?\r"),
                                 said(120, "cp-at", "out", b"AT+CFUN?\r"),
                                 said(140, "cp-at", "in", b"\r\n+CREG: 1\r\n"))
-        self.assertIn("CP said nothing: waited until", verdict(commands[0], end))
+        self.assertIn("CP said nothing to it; other text came after 20 µs",
+                      verdict(commands[0], end))
 
     def test_a_final_result_beside_foreign_names_is_an_answer(self) -> None:
         self.assertEqual(self.remarks(*cp_command(100, b"ATI\r", b"\r\n+GCAP: 1\r\n" + OK)),
@@ -190,6 +191,20 @@ class Doubts(unittest.TestCase):
     def test_another_ports_text_is_not_the_answer(self) -> None:
         start = [*host(100, b"AT+CSQ\r"), to_platform(120, b"AT+CSQ\r")]
         self.assertEqual(self.remarks(*start, from_platform(130, OK, connection=1)), [])
+
+
+class Silence(unittest.TestCase):
+    def test_the_platform_is_waited_for_although_cp_answered(self) -> None:
+        commands, end = tracked(*host(100, b"ATE0\r"), said(120, "cp-at", "out", b"ATE0\r"),
+                                to_platform(121, b"ATE0\r"), said(130, "cp-at", "in", OK))
+        self.assertIn("CP answered OK; the platform said nothing: waited until the deadline of 5 s",
+                      verdict(commands[0], end))
+
+    def test_nobody_waits_on_the_multiplexer(self) -> None:
+        commands, end = tracked(happened(50, "uart", "mode", mode="mux"),
+                                said(110, "uart", "in", uih(0x0B, b"AT\r")),
+                                said(120, "cp-uart", "out", b"AT\r"))
+        self.assertIn("CP said nothing (on the multiplexer", verdict(commands[0], end))
 
 
 class Legs(unittest.TestCase):

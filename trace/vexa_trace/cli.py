@@ -13,7 +13,7 @@ from typing import Any
 from .conversation import Conversation, View
 from .recording import CP_CHANNELS, HOST_PORTS, Recording, RecordingError, read_file
 from .report import Report
-from .wording import Paint
+from .wording import Paint, printable
 
 PORTS = (*HOST_PORTS, *CP_CHANNELS, "platform", "udp", "qmi", "uevent", "log", "bench")
 
@@ -55,7 +55,7 @@ def make_parser() -> argparse.ArgumentParser:
 
 
 def _warn(text: str) -> None:
-    print(f"trace: {text}", file=sys.stderr)
+    print(f"trace: {printable(text)}", file=sys.stderr)
 
 
 def _part(name: str) -> Any:

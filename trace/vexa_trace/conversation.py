@@ -7,7 +7,7 @@ from dataclasses import dataclass
 
 from .decode import Decoder, Message
 from .recording import CP_CHANNELS, HOST_PORTS, Event, Recording
-from .wording import Paint, escaped, event_words, is_fault
+from .wording import Paint, escaped, event_words, is_fault, printable
 
 _COUNTERPARTS = {"udp": "client", "qmi": "client", "uevent": "kernel"}
 
@@ -86,8 +86,9 @@ class Conversation:
         text = self._paint("fault" if is_fault(event) else "event", event_words(event))
         if event.at == "platform" and event.what == "connect":
             port = self._decoder.port_of(event)
-            text += f" (serves {port})" if port else ""
-        return f"{time_text(event.t, self._is_log)}  {'--':>8}   {event.at:<8}         {text}"
+            text += f" (serves {printable(port)})" if port else ""
+        place = printable(event.at)
+        return f"{time_text(event.t, self._is_log)}  {'--':>8}   {place:<8}         {text}"
 
     def _said(self, event: Event, messages: list[Message]) -> Iterator[str]:
         if event.at == "log":
@@ -107,13 +108,13 @@ class Conversation:
         return escaped(data, self._view.full)
 
     def _fault(self, text: str) -> str:
-        return self._paint("fault", f"({text})") if text else ""
+        return self._paint("fault", f"({printable(text)})") if text else ""
 
     def _carrier(self, event: Event, message: Message) -> str:
         if event.at != "platform":
             return f"[{message.label}]" if message.label else ""
         port = self._decoder.port_of(event) or "?"
-        return f"[{' '.join(filter(None, (port, message.label)))}]"
+        return f"[{printable(' '.join(filter(None, (port, message.label))))}]"
 
     def _note(self, event: Event) -> str:
         """What stands beside the bytes: refusals, short writes, the peer, what a log hides."""
@@ -132,11 +133,12 @@ class Conversation:
         note = self._fault("; ".join(notes))
         if unknown:
             names = unknown if isinstance(unknown, list) else [unknown]
-            note += self._paint("dim", f"(unknown: {', '.join(map(str, names))})")
-        peer = event.text("peer")
+            hidden = printable(", ".join(map(str, names)))
+            note += self._paint("dim", f"(unknown: {hidden})")
+        peer = printable(event.text("peer"))
         return " ".join(filter(None, (note, self._paint("dim", f"<{peer}>" if peer else ""))))
 
     def _line(self, event: Event, size: int, text: str) -> str:
-        source, target = _ends(event)
+        source, target = map(printable, _ends(event))
         ends = self._paint(colour_of(event.at), f"{source:>8} > {target:<8}")
         return f"{time_text(event.t, self._is_log)}  {ends} {size:6d}  {text}".rstrip()

@@ -25,18 +25,29 @@ def _where(target: str) -> str:
 def _result(command: Command, target: str, end: int) -> str:
     """What one target made of it."""
     if target in command.finals:
-        return f"{_who(target)} answered {printable(command.finals[target])}"
+        return f"{_who(target)} answered {command.finals[target]}"
     answers = [leg for leg in command.legs_of("answer") if leg.place == target]
     if answers:
         return f"{_who(target)} spoke without a final result"
-    if command.finals:
-        return f"{_who(target)} said nothing and was not waited for"
-    waited = (end if command.ended is None else command.ended) - command.written[target]
-    if waited >= deadline_of(target) - _SLACK:
-        return f"{_who(target)} said nothing: waited until the deadline of " \
-               f"{deadline_of(target) // 1_000_000} s"
+    return f"{_who(target)} said nothing{_silence(command, target, end)}"
+
+
+def _silence(command: Command, target: str, end: int) -> str:
+    """How long, and until what, a target without an answer was waited for."""
+    if command.mode == "mux":
+        return " (on the multiplexer nobody waits)"
+    if command.finals and not target.startswith(PLATFORM):
+        return " and was not waited for"
+    strays = [leg.t for leg in command.strays if leg.place == target]
+    if strays:
+        waited = span(strays[0] - command.written[target])
+        return f" to it; other text came after {waited}, and that ends the daemon's wait"
+    waited_for = (end if command.ended is None else command.ended) - command.written[target]
+    limit = deadline_of(target)
+    if waited_for >= limit - _SLACK:
+        return f": waited until the deadline of {limit // 1_000_000} s"
     until = "the recording ends" if command.ended is None else "the next input"
-    return f"{_who(target)} said nothing in the {span(waited)} until {until}"
+    return f" in the {span(waited_for)} until {until}"
 
 
 def _nowhere(command: Command) -> str:
@@ -77,7 +88,7 @@ def verdict(command: Command, end: int) -> str:
     if command.legs_of("own"):
         parts.append("the daemon answered by itself")
     parts += [leg.remark for leg in command.legs_of("note") if not command.finals]
-    return "; ".join(filter(None, (*parts, _total(command))))
+    return printable("; ".join(filter(None, (*parts, _total(command)))))
 
 
 def is_answered(command: Command) -> bool:
@@ -150,4 +161,4 @@ class Report:
             "own": f"written to {place} by the daemon itself  {text}",
         }
         more = f" ({remark})" if remark and leg.kind in ("written", "delivered") else ""
-        return (words.get(leg.kind) or remark) + more
+        return words.get(leg.kind, remark) + more
