@@ -57,6 +57,14 @@ class ManPages(unittest.TestCase):
                 man = run("man", "--warnings", "-E", "UTF-8", "-l", "-Tutf8", "-Z", path)
                 self.assertEqual((man.stderr, man.returncode), ("", 0))
 
+    def test_console_commands_are_those_of_its_help(self) -> None:
+        source = (PAGES.parent.parent / "bench" / "console" / "console.cpp").read_text()
+        found = re.search(r'kHelp =\n(.*?)";\n', source, re.S)
+        commands = set(re.findall(r"(?<=[ ,])/[a-z]+", found.group(1) if found else ""))
+        page = set(re.findall(r"Li (/[a-z]+)", (PAGES / "vexa-bench.1").read_text()))
+        self.assertGreater(len(commands), 5)
+        self.assertEqual(page, commands | {"/help"})
+
     def test_titles_are_those_of_the_files(self) -> None:
         for page in self.programs:
             name, section = page.rsplit(".", 1)
