@@ -98,7 +98,8 @@ class Conversation:
         note = self._note(event)
         if not messages:
             part = f"(part of a frame) {self._text(event.data)}" if event.data else ""
-            yield self._line(event, len(event.data), " ".join(filter(None, (part, note))))
+            size = len(event.data) or event.number("n") or 0  # a log may count what it hides
+            yield self._line(event, size, " ".join(filter(None, (part, note))))
         for number, message in enumerate(messages):
             words = (self._carrier(event, message), self._text(message.text),
                      self._fault(message.fault), note if number == 0 else "")
@@ -121,22 +122,29 @@ class Conversation:
         error = event.text("err")
         asked = event.number("asked")
         unknown = event.fields.get("unknown")
+        passed = len(event.data) or event.number("n") or 0
         notes = []
         if error:
             notes.append(error)
-        if asked is not None and asked != len(event.data):
-            notes.append(f"{len(event.data)} of {asked} bytes passed")
+        if asked is not None and asked != passed:
+            notes.append(f"{passed} of {asked} bytes passed")
         if event.dir == "in" and not event.data and not error and not unknown:
             notes.append("end of file")
         if event.fields.get("result") or event.fields.get("error"):
             notes.append(f"result {event.number('result')}, error {event.number('error')}")
         note = self._fault("; ".join(notes))
-        if unknown:
-            names = unknown if isinstance(unknown, list) else [unknown]
-            hidden = printable(", ".join(map(str, names)))
-            note += self._paint("dim", f"(unknown: {hidden})")
+        hidden = self._list("unknown", unknown)
+        guessed = self._list("a guess", event.fields.get("guessed"))
         peer = printable(event.text("peer"))
-        return " ".join(filter(None, (note, self._paint("dim", f"<{peer}>" if peer else ""))))
+        peer = self._paint("dim", f"<{peer}>" if peer else "")
+        return " ".join(filter(None, (note, hidden, guessed, peer)))
+
+    def _list(self, title: str, names: object) -> str:
+        """What the log does not tell, or not for certain."""
+        if not names:
+            return ""
+        words = printable(", ".join(map(str, names if isinstance(names, list) else [names])))
+        return self._paint("dim", f"({title}: {words})")
 
     def _line(self, event: Event, size: int, text: str) -> str:
         source, target = map(printable, _ends(event))

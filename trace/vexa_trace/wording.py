@@ -71,6 +71,8 @@ def _what_words(event: Event) -> str:
     error = event.text("err")
     failed = f" failed: {error}" if error else ""
     lines = event.text("lines") or "none"
+    size = event.number("size")
+    room = "" if size is None else f" of {size} bytes"
     words = {
         "open": f"open{failed}" if failed else "opened",
         "close": "closed",
@@ -78,7 +80,7 @@ def _what_words(event: Event) -> str:
         "lines-read": f"modem-control lines read: {lines}",
         "lines-set": f"modem-control lines set: {lines}",
         "settings": f"set to {event.number('speed')} bit/s",
-        "intent": f"receive intent of {event.number('size')} bytes{failed}",
+        "intent": f"receive intent{room}{failed}",
         "mode": f"mode is now {event.text('mode')}",
         "unplug": f"{event.text('port')} unplugged",
         "plug": f"{event.text('port')} plugged",
