@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "text_part.h"
+
 namespace {
 
 bool is_flag(char byte) {
@@ -62,7 +64,7 @@ std::optional<std::string_view> FrameGatherer::junk_once(std::string_view piece)
 
 std::optional<std::string_view> FrameGatherer::hunt(std::string_view& input) {
     const std::size_t count = std::min(input.find(static_cast<char>(kMuxFlag)), input.size());
-    const std::string_view run = input.substr(0, count);
+    const std::string_view run = text_part(input, 0, count);
     input.remove_prefix(count);
     if (!input.empty()) {
         input.remove_prefix(1);

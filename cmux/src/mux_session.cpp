@@ -6,6 +6,7 @@
 
 #include "log.h"
 #include "shared_int.h"
+#include "text_part.h"
 
 tMuxConfig g_MuxCfg{};
 eParsePackCurState g_cur_mux_proc_state = CUR_STATE_ERROR;
@@ -103,7 +104,7 @@ int take_data(const ReceivedFrame& frame, char* resp_buf, int* resp_buf_len, int
         VEXA_LOG("MUX package format error.\r\n");
         return -1;
     }
-    const std::string_view payload = frame.bytes.substr(kMuxHeadLength, information);
+    const std::string_view payload = text_part(frame.bytes, kMuxHeadLength, information);
     memset(resp_buf, 0, kMuxAnswerArea);
     memcpy(resp_buf, payload.data(), payload.size());
     *resp_buf_len = static_cast<int>(payload.size());

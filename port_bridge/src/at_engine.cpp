@@ -20,6 +20,7 @@
 #include "platform_link.h"
 #include "port_state.h"
 #include "shared_int.h"
+#include "text_part.h"
 
 namespace {
 
@@ -208,7 +209,7 @@ int handle_command_bytes(const Input& input) {
         }
     }
     // Text ends at a NUL in command mode.
-    if (!gather(input.data.substr(0, input.data.find('\0'))))
+    if (!gather(text_part(input.data, 0, input.data.find('\0'))))
         return kNotDealtWith;
     if (is_input_at_finished(current_line().text(), line_length()) == 1)
         return handle_complete_line(input);

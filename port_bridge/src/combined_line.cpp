@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "text_part.h"
+
 namespace {
 
 constexpr std::size_t kPrefixLength = 2;
@@ -33,7 +35,8 @@ CombinedLine split_combined_line(std::string_view line) {
     combined.count = count_commands(line.size());
     for (int i = 0; i < combined.count; ++i) {
         const std::size_t body = kPrefixLength + static_cast<std::size_t>(i) * kBodyLength;
-        build_command(i == 0 ? line : "AT", line.substr(body, kBodyLength), combined.commands[i]);
+        build_command(i == 0 ? line : "AT", text_part(line, body, kBodyLength),
+                      combined.commands[i]);
     }
     return combined;
 }

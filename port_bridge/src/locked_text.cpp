@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "text_part.h"
+
 namespace {
 
 class TextLock {
@@ -18,13 +20,13 @@ class TextLock {
 
 // Text handling ends at a NUL everywhere in command mode.
 std::string_view up_to_nul(std::string_view text) {
-    return text.substr(0, text.find('\0'));
+    return text_part(text, 0, text.find('\0'));
 }
 
 }  // namespace
 
 void LockedText::assign(std::string_view text) {
-    text = up_to_nul(text).substr(0, kDeviceReadSize);
+    text = text_part(up_to_nul(text), 0, kDeviceReadSize);
     const TextLock lock(mutex_);
     if (!text.empty())
         memmove(text_, text.data(), text.size());

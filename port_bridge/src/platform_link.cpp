@@ -22,6 +22,10 @@ constexpr useconds_t kRetryPauseUs = 100'000;
 constinit pthread_mutex_t g_connection_locks[kPortCount] = {
     PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER};
 
+// Made by whichever thread asks first.
+pthread_once_t g_wake_once = PTHREAD_ONCE_INIT;
+int g_wake = -1;
+
 pthread_mutex_t* connection_lock(const PortRecord& port) {
     return &g_connection_locks[port.index];
 }
@@ -106,8 +110,8 @@ int init_port_connection(PortIndex index) {
 }  // namespace
 
 int platform_wake_descriptor() {
-    static const int descriptor = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    return descriptor;
+    pthread_once(&g_wake_once, [] { g_wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK); });
+    return g_wake;
 }
 
 int open_platform_connection(const PortRecord& port) {

@@ -17,6 +17,7 @@
 #include <span>
 #include <string_view>
 
+#include "text_part.h"
 #include "vexa_common_def.h"
 
 inline constexpr uint32_t kPackMagic = 0x7061636B;  // "kcap"
@@ -127,6 +128,6 @@ constexpr ReceivedPack first_pack(std::string_view received) {
     pack.verdict = PackVerdict::whole;
     pack.msg_head = disassemble_msghead(received);
     pack.sock_head = disassemble_sockhead(received);
-    pack.payload = received.substr(kPackHeadsSize, head.pack_len - kPackHeadsSize);
+    pack.payload = text_part(received, kPackHeadsSize, head.pack_len - kPackHeadsSize);
     return pack;
 }

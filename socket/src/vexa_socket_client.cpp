@@ -16,6 +16,7 @@
 #include "platform_pack.h"
 #include "port_state.h"
 #include "shared_int.h"
+#include "text_part.h"
 
 int g_reconn_client_sockfd = -1;
 
@@ -69,11 +70,11 @@ struct Answer {
 
 void append_payload(Answer& answer, std::string_view payload) {
     answer.total += payload.size();
-    const std::string_view text = payload.substr(0, payload.find('\0'));
+    const std::string_view text = text_part(payload, 0, payload.find('\0'));
     const std::size_t needed = std::max(answer.total, answer.text_length + text.size());
     if (needed > kDeviceReadSize)
         stop_for_overrun("answer of the platform", needed, kDeviceReadSize);
-    text.copy(answer.text + answer.text_length, text.size());
+    memcpy(answer.text + answer.text_length, text.data(), text.size());
     answer.text_length += text.size();
     answer.text[answer.text_length] = '\0';
 }
@@ -82,7 +83,7 @@ void append_payload(Answer& answer, std::string_view payload) {
 bool gather_packs(std::string_view received, Answer& answer, vexa_ext_info* ext_info) {
     char payload_text[kReceivedPayloadMax + 1];
     for (std::size_t offset = 0; offset < received.size();) {
-        const ReceivedPack pack = first_pack(received.substr(offset));
+        const ReceivedPack pack = first_pack(text_part(received, offset));
         if (pack.verdict == PackVerdict::bad_head) {
             puts("!!!!recv data pack head error.!!!!");
             return false;
@@ -90,7 +91,7 @@ bool gather_packs(std::string_view received, Answer& answer, vexa_ext_info* ext_
         if (pack.verdict == PackVerdict::too_large)
             stop_for_overrun(
                 "payload of a pack of the platform",
-                disassemble_packhead(received.substr(offset)).pack_len - kPackHeadsSize,
+                disassemble_packhead(text_part(received, offset)).pack_len - kPackHeadsSize,
                 kReceivedPayloadMax);
         if (ext_info != nullptr)
             ext_info->cmd_type = pack.sock_head.cmd_type;
@@ -98,7 +99,7 @@ bool gather_packs(std::string_view received, Answer& answer, vexa_ext_info* ext_
                  pack.msg_head.txn_id, static_cast<int>(pack.msg_head.msg_type),
                  pack.msg_head.msg_not_finish);
         append_payload(answer, pack.payload);
-        pack.payload.copy(payload_text, kReceivedPayloadMax);
+        memcpy(payload_text, pack.payload.data(), pack.payload.size());
         payload_text[pack.payload.size()] = '\0';
         const std::size_t next = offset + kPackHeadsSize + pack.payload.size();
         VEXA_LOG(
