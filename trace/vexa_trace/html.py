@@ -44,7 +44,7 @@ def _fields(one: Shown) -> dict[str, str]:
     event = one.event
     fields = {"what": event.what} if event.what else {}
     if event.at != one.lane:
-        fields["at"] = event.at
+        fields["by"] = event.at
     for name, value in event.fields.items():
         if name not in SHOWN_ELSEWHERE or event.fields["n"] != len(event.data):
             fields[name] = field_text(value)

@@ -37,7 +37,9 @@ MOST_OTHER_LANES = 4
 OTHER_LANE = "other"
 
 # Kinds of event, as the page knows them.
-NOTE, TYPED, TO_DAEMON, FROM_DAEMON = range(4)
+NOTE, TYPED, TO_DAEMON, FROM_DAEMON, DETAIL = range(5)
+# Events that a modem channel has at every read; they are off until they are wanted.
+DETAILS = {"intent"}
 KINDS = {"typed": TYPED, "in": TO_DAEMON, "out": FROM_DAEMON}
 
 LONGEST_LABEL = 400  # characters; the panel beside the picture shows all
@@ -188,7 +190,8 @@ class Labels:
         for name, value in event.fields.items():
             if name in ("err", "port", "text", "unknown"):
                 continue
-            parts += [field_text(value)] if name in BARE_FIELDS else [name, field_text(value)]
+            text = field_text(value) or "none"
+            parts += [text] if name in BARE_FIELDS else [name, text]
         if event.fields.get("err"):
             parts.append(f"failed: {field_text(event.fields['err'])}")
         return " ".join(part for part in parts if part)
@@ -275,6 +278,8 @@ def _lane_of(event: Event, others: list[str]) -> str:
 def _kind_of(event: Event) -> int:
     if event.at == "qmi" and "kind" in event.fields:
         return TO_DAEMON if event.fields["kind"] == "request" else FROM_DAEMON
+    if event.what in DETAILS and not event.fields.get("err"):
+        return DETAIL
     return KINDS.get(event.dir, NOTE)
 
 

@@ -99,6 +99,14 @@ class Walked(PageTest):
             self.keys("f")
             self.wait_state("chosen", wanted)
 
+    def test_an_address_with_a_line_pins_it(self) -> None:
+        recording = long(200).recording()
+        self.open(recording)
+        self.js("location.hash = '#line=' + arguments[0]", recording.events[700].line)
+        self.wait_state("chosen", 700)
+        first, last = self.state()["inView"]
+        self.assertTrue(first <= 700 < last)
+
     def test_the_keys_are_told(self) -> None:
         self.open(usual().recording())
         self.keys("?")
@@ -223,6 +231,16 @@ class Filtered(PageTest):
         self.open(recording)
         self.assertEqual(len(recording.events) - 1, self.state()["shown"])
         self.chip("log")
+        self.wait_state("shown", len(recording.events))
+
+    def test_intents_are_off_until_they_are_wanted(self) -> None:
+        lines = usual()
+        lines.add(10, "cp-at", what="intent", size=16384)
+        lines.add(10, "cp-at", what="intent", size=16384, err="EINVAL")
+        recording = lines.recording()
+        self.open(recording)
+        self.wait_state("shown", len(recording.events) - 1)
+        self.chip("intents")
         self.wait_state("shown", len(recording.events))
 
     def test_without_the_daemons_lane_it_still_draws(self) -> None:

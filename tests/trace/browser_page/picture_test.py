@@ -88,6 +88,7 @@ class LabelsTest(unittest.TestCase):
             ({"dir": "in", "n": 12, "unknown": ["data"]}, "12 bytes, not known"),
             ({"what": "open", "err": "ENOENT"}, "open failed: ENOENT"),
             ({"what": "lines-read", "lines": "DTR RTS"}, "lines-read DTR RTS"),
+            ({"what": "lines-set", "lines": ""}, "lines-set none"),
             ({"what": "settings", "speed": 115200}, "settings speed 115200"),
         ]
         for fields, wanted in rows:

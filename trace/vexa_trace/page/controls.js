@@ -353,7 +353,7 @@ function paintChips() {
 }
 
 function makeChips() {
-  const counts = new Uint32Array(model.lanes.length), kinds = new Uint32Array(4);
+  const counts = new Uint32Array(model.lanes.length), kinds = new Uint32Array(5);
   for (let i = 0; i < model.count; i++) { counts[model.lane[i]]++; kinds[model.kind[i]]++; }
   const parent = byId("lanes");
   model.lanes.forEach((lane, k) => {
@@ -362,7 +362,8 @@ function makeChips() {
   const gap = document.createElement("span");
   gap.className = "gap";
   parent.append(gap);
-  addChip(parent, "typed", "soft", kinds[TYPED], true, (on) => { typedIsOn = on; });
-  addChip(parent, "modes and lines", "soft", kinds[NOTE], true, (on) => { notesAreOn = on; });
+  for (const [kind, name] of [[TYPED, "typed"], [NOTE, "modes and lines"], [DETAIL, "intents"]]) {
+    if (kinds[kind] > 0) addChip(parent, name, "soft", kinds[kind], kindIsOn[kind], (on) => { kindIsOn[kind] = on; });
+  }
   paintChips();
 }

@@ -1,5 +1,5 @@
 // The recording as columns, and what is shown of it.
-const NOTE = 0, TYPED = 1, TO_DAEMON = 2, FROM_DAEMON = 3;
+const NOTE = 0, TYPED = 1, TO_DAEMON = 2, FROM_DAEMON = 3, DETAIL = 4;
 
 const data = JSON.parse(document.getElementById("data").textContent);
 const model = {
@@ -16,8 +16,8 @@ const model = {
 
 // Which lanes are on; the daemon's log would drown the rest, so it is off until it is wanted.
 const laneIsOn = model.lanes.map((lane) => lane.name !== "log");
-let typedIsOn = true;
-let notesAreOn = true;
+const kindIsOn = [true, true, true, true, false];
+const hasBytes = (i) => model.kind[i] !== NOTE && model.kind[i] !== DETAIL;
 
 const bytesOf = (i) => data.events.dataTexts[data.events.data[i]];
 const fieldsOf = (i) => JSON.parse(data.events.fieldTexts[data.events.fields[i]]);
@@ -51,8 +51,7 @@ function labelOf(i) {
 
 function isShown(i) {
   if (!laneIsOn[model.lane[i]]) return false;
-  if (model.kind[i] === TYPED) return typedIsOn;
-  return model.kind[i] !== NOTE || notesAreOn || model.fault[i] === 1;
+  return kindIsOn[model.kind[i]] || (model.fault[i] === 1 && !hasBytes(i));
 }
 
 function duration(us) {

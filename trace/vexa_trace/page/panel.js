@@ -56,10 +56,10 @@ function showFacts(i) {
   if (scene.chosen >= 0 && scene.chosen !== i) addFact(list, "Since pinned", duration(model.t[i] - model.t[scene.chosen]));
   addFact(list, "Place", model.lanes[model.lane[i]].title);
   const label = data.events.labelTexts[data.events.label[i]];
-  if (label !== "" && model.kind[i] !== NOTE) addFact(list, "Means", label);
-  if (model.kind[i] !== NOTE) addFact(list, "Direction", placeOf(i));
+  if (label !== "" && hasBytes(i)) addFact(list, "Means", label);
+  if (hasBytes(i)) addFact(list, "Direction", placeOf(i));
   const fields = fieldsOf(i);
-  if (model.kind[i] !== NOTE) addFact(list, "Bytes", fields.n ?? String(bytesOf(i).length));
+  if (hasBytes(i)) addFact(list, "Bytes", fields.n ?? String(bytesOf(i).length));
   for (const [name, value] of Object.entries(fields)) if (name !== "n") addFact(list, name, value);
   addFact(list, "Line", `${model.line[i]} of the file`);
 }
@@ -84,7 +84,7 @@ function updatePanel() {
     showNothing();
     return;
   }
-  byId("panel-title").textContent = model.kind[i] === NOTE ? labelOf(i) : placeOf(i);
+  byId("panel-title").textContent = !hasBytes(i) ? labelOf(i) : placeOf(i);
   showFacts(i);
   showBytes(i, LONGEST_SHOWN);
 }

@@ -286,7 +286,7 @@ function drawLabel(i, y) {
   pen.globalAlpha = 0.92;
   pen.fillRect(x - 2, base - 11, width + 4, 14);
   pen.globalAlpha = 1;
-  drawText(text, x, base, model.fault[i] ? colors.fault : model.kind[i] === NOTE ? colors.soft : colors.ink);
+  drawText(text, x, base, model.fault[i] ? colors.fault : hasBytes(i) ? colors.ink : colors.soft);
   scene.drawn.labels++;
 }
 
@@ -330,7 +330,7 @@ function drawDensity(from, to) {
   const counts = new Uint32Array(rows * sides);
   for (let k = from; k < to; k++) {
     const i = layout.shown[k], row = Math.floor(yOfEvent(i));
-    if (row < HEAD || row >= rows || model.kind[i] === NOTE) continue;
+    if (row < HEAD || row >= rows || !hasBytes(i)) continue;
     counts[row * sides + model.lane[i] * 2 + (model.kind[i] === FROM_DAEMON ? 1 : 0)]++;
   }
   const most = counts.reduce((a, b) => Math.max(a, b), 1);

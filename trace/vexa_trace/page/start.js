@@ -32,6 +32,13 @@ function watchButtons() {
   byId("next-fault").disabled = !model.fault.includes(1);
 }
 
+// page.html#line=49 pins what stands on that line of the recording.
+function followFragment() {
+  const line = /^#line=(\d+)$/.exec(location.hash)?.[1];
+  const i = line === undefined ? -1 : model.line.indexOf(Number(line));
+  if (i >= 0) choose(i);
+}
+
 function start() {
   if (matchMedia("(prefers-color-scheme: dark)").matches) document.documentElement.classList.add("dark");
   readColors();
@@ -48,6 +55,8 @@ function start() {
   showHitCount();
   new ResizeObserver(fitAll).observe(byId("main"));
   fitAll();
+  window.addEventListener("hashchange", followFragment);
+  followFragment();
   scene.canvas.focus();
 }
 
