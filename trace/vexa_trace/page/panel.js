@@ -32,8 +32,9 @@ function setText(pre, text) {
     if (piece === "") continue;
     const isEscape = ESCAPE.test(piece);
     const part = isEscape ? document.createElement("i") : document.createTextNode(piece);
-    if (isEscape) part.textContent = piece === "\\n" ? "\\n\n" : piece;
+    if (isEscape) part.textContent = piece;
     pre.append(part);
+    if (piece === "\\n") pre.append("\n");
   }
 }
 
