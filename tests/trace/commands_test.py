@@ -186,11 +186,36 @@ class Doubts(unittest.TestCase):
 
     def test_indications_answer_nothing(self) -> None:
         start = [*host(100, b"AT+CSQ\r"), to_platform(120, b"AT+CSQ\r")]
-        self.assertEqual(self.remarks(*start, from_platform(130, b"\r\n+X: 1\r\n", kind=0)), [])
+        self.assertEqual(self.remarks(*start, from_platform(130, b"\r\nRING\r\n", kind=0)), [])
 
     def test_another_ports_text_is_not_the_answer(self) -> None:
         start = [*host(100, b"AT+CSQ\r"), to_platform(120, b"AT+CSQ\r")]
         self.assertEqual(self.remarks(*start, from_platform(130, OK, connection=1)), [])
+
+
+    def test_the_platforms_wish_to_hang_up_is_no_text(self) -> None:
+        commands, end = tracked(*host(100, b"AT+CSQ\r"), to_platform(120, b"AT+CSQ\r"),
+                                from_platform(130, b"+" * 255))
+        self.assertEqual(commands[0].legs_of("answer"), [])
+        self.assertNotIn("recording ends", verdict(commands[0], end))
+
+    def test_whoever_waited_longer_is_not_answered_any_more(self) -> None:
+        start = [*host(100, b"AT\r"), said(120, "cp-at", "out", b"AT\r"),
+                 *host(200, b"ATI\r"), said(220, "cp-at", "out", b"ATI\r"),
+                 said(230, "cp-at", "in", OK), said(240, "cp-at", "in", OK)]
+        self.assertEqual(self.remarks(*start, number=0), [])
+        self.assertEqual(len(self.remarks(*start, number=1)), 1)
+
+    def test_past_its_deadline_nobody_is_a_rival(self) -> None:
+        start = [*host(100, b"AT\r"), said(120, "cp-at", "out", b"AT\r"),
+                 *host(20_000_000, b"ATI\r"), said(20_000_020, "cp-at", "out", b"ATI\r")]
+        self.assertEqual(self.remarks(*start, said(20_000_030, "cp-at", "in", OK), number=1), [""])
+
+    def test_a_command_is_not_its_own_rival(self) -> None:
+        commands, _ = tracked(*host(100, b"ATE0V1\r"), said(120, "cp-at", "out", b"ATE0\r\n"),
+                              said(130, "cp-at", "out", b"ATV1\r\n"),
+                              said(140, "cp-at", "in", OK))
+        self.assertEqual(commands[0].legs_of("answer")[0].remark, "")
 
 
 class Silence(unittest.TestCase):
@@ -247,6 +272,38 @@ class Legs(unittest.TestCase):
                               said(140, "udp", "out", OK, peer="1.2.3.4:6"))
         self.assertEqual(commands[0].legs_of("delivered")[0].remark,
                          "1.2.3.4:6, not the one who asked")
+
+    def test_a_host_that_does_not_take_its_answer(self) -> None:
+        commands, _ = tracked(*host(100, b"AT\r"), said(120, "cp-at", "out", b"AT\r"),
+                              said(130, "cp-at", "in", OK),
+                              said(140, "at", "out", b"", asked=6, err="EIO"))
+        self.assertEqual(commands[0].legs_of("note")[0].remark, "writing to at: EIO")
+
+    def test_a_client_with_the_text_of_a_qmi_request_stays_a_client(self) -> None:
+        commands, _ = tracked(said(90, "qmi", "in", b"AT\r", kind="request"),
+                              said(100, "udp", "typed", b"AT\r", peer="127.0.0.1:7"),
+                              said(110, "udp", "in", b"AT\r", peer="127.0.0.1:7"))
+        self.assertEqual([command.source for command in commands], ["qmi", "udp"])
+
+    def test_udp_and_pcie_have_the_at_ports_mode(self) -> None:
+        commands, _ = tracked(happened(50, "at", "mode", mode="ppp"),
+                              said(100, "udp", "in", b"AT\r", peer="127.0.0.1:7"),
+                              said(110, "pcie", "in", b"AT\r"))
+        self.assertEqual([command.mode for command in commands], ["ppp", "ppp"])
+
+    def test_a_channel_that_was_opened_again_is_open(self) -> None:
+        commands, _ = tracked(happened(50, "cp-at", "close"), happened(60, "cp-at", "open"),
+                              *host(100, b"AT\r"))
+        self.assertEqual(commands[0].closed_channel, "")
+
+    def test_a_channel_that_failed_to_open_is_closed(self) -> None:
+        commands, _ = tracked(happened(50, "cp-at", "close"),
+                              happened(60, "cp-at", "open", err="ENOENT"), *host(100, b"AT\r"))
+        self.assertEqual(commands[0].closed_channel, "cp-at")
+
+    def test_typed_bytes_that_were_lost_do_not_shift_the_rest(self) -> None:
+        commands, _ = tracked(said(50, "at", "typed", b"ATI\r"), *host(100, b"AT\r"))
+        self.assertEqual([(one.text, one.begun) for one in commands], [(b"AT\r", 100)])
 
     def test_two_ports_at_once(self) -> None:
         commands, _ = tracked(*host(100, b"AT\r", "modem"), *host(101, b"AT\r"),
@@ -345,6 +402,25 @@ class Text(unittest.TestCase):
                                      ("", View(begin=1000, end=1500), 1)]:
             heads = [line for line in self.lines(pattern, view) if line and line[0] != " "]
             self.assertEqual(len(heads), count, (pattern, view))
+
+    def test_strays_are_counted(self) -> None:
+        stray = b"\r\n+CREG: 1\r\n"
+        made = recording(*host(100, b"AT+CFUN?\r"), said(120, "cp-at", "out", b"AT+CFUN?\r"),
+                         said(130, "cp-at", "in", stray), said(140, "cp-at", "in", stray),
+                         said(150, "cp-at", "in", b"\r\n+CSQ: 1\r\n"))
+        told = list(Report(made, View(), Paint(False)).lines(""))
+        self.assertEqual(told[-2:], [
+            "  meanwhile CP said \\r\\n+CREG: 1\\r\\n 2 times, first at 0.000130:"
+            " perhaps unsolicited (a guess)",
+            "  meanwhile CP said \\r\\n+CSQ: 1\\r\\n once, at 0.000150:"
+            " perhaps unsolicited (a guess)"])
+
+    def test_a_log_has_seconds_only(self) -> None:
+        made = recording(*host(1_500_000, b"AT\r"))
+        made.start["source"] = "log"
+        told = list(Report(made, View(), Paint(False)).lines(""))
+        self.assertEqual(told[2:], ["      1                     typed on at",
+                                    "      1                     read by the daemon on at"])
 
     def test_none(self) -> None:
         self.assertEqual(self.lines("nothing"), ["no such command"])

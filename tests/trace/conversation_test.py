@@ -63,6 +63,18 @@ class Lines(unittest.TestCase):
         self.assertFalse([line for line in lines(made) if "intent" in line])
         self.assertTrue([line for line in lines(made, View(full=True)) if "intent" in line])
 
+    def test_refused_intents_always(self) -> None:
+        made = recording(happened(1, "cp-at", "intent", size=16384, err="EINVAL"))
+        self.assertTrue(lines(made)[0].endswith("receive intent of 16384 bytes failed: EINVAL"))
+
+    def test_a_cut_frame_does_not_reach_over_a_change_of_mode(self) -> None:
+        made = recording(happened(1, "uart", "mode", mode="mux"),
+                         said(2, "uart", "out", b"\xf9\x09"),
+                         happened(3, "uart", "mode", mode="command"),
+                         happened(4, "uart", "mode", mode="mux"),
+                         said(5, "uart", "out", b"\xef\x05OK"))
+        self.assertNotIn("part of a frame", lines(made)[4])
+
     def test_frames_are_opened_while_the_mode_is_mux(self) -> None:
         frame = bytes.fromhex("f909ef05") + b"OK" + bytes.fromhex("d6f9")
         made = recording(said(1, "uart", "out", frame), happened(2, "uart", "mode", mode="mux"),

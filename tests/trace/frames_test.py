@@ -40,6 +40,13 @@ class Golden(unittest.TestCase):
                                  (kind, dlci, command, information))
                 self.assertTrue(frame.fcs_fits)
 
+    def test_the_check_of_ui_covers_its_information(self) -> None:
+        body = b"\x09\x03\x05OK"
+        (frame,) = frames_of(b"\xf9" + body + bytes((check_sequence(body), 0xF9)))
+        self.assertEqual((frame.kind, frame.fcs_fits), ("UI", True))
+        (frame,) = frames_of(b"\xf9" + body + bytes((check_sequence(body[:3]), 0xF9)))
+        self.assertFalse(frame.fcs_fits)
+
     def test_wrong_check(self) -> None:
         (frame,) = frames_of(bytes.fromhex("f9133f015df9"))
         self.assertEqual((frame.kind, frame.fcs_fits), ("SABM", False))

@@ -195,11 +195,12 @@ class Tracker:
         reader = PLATFORM if event.at == PLATFORM else target
         text = b"".join(message.text for message in messages)
         self._undelivered(reader)
-        command = None
-        if any(message.label != "indication" for message in messages):
-            command = self._owner(event, target, text)
-        if target.startswith(PLATFORM) and text == b"+" * _HANG_UP_SIZE:
+        if reader == PLATFORM and text == b"+" * _HANG_UP_SIZE:
+            for waiting in self._waiting.get(target, []):
+                self._note(waiting, event.t, "the platform asked for a hang-up")
             return
+        is_answer = any(message.label != "indication" for message in messages)
+        command = self._owner(event, target, text) if is_answer else None
         self._reads[reader] = _Delivery(event.t, road, text, command)
 
     def _owner(self, event: Event, target: str, text: bytes) -> Command | None:
