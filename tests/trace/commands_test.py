@@ -305,6 +305,15 @@ class Legs(unittest.TestCase):
         commands, _ = tracked(said(50, "at", "typed", b"ATI\r"), *host(100, b"AT\r"))
         self.assertEqual([(one.text, one.begun) for one in commands], [(b"AT\r", 100)])
 
+    def test_a_write_of_which_a_log_tells_the_size(self) -> None:
+        for size, kinds in [(52, ["read", "written"]), (53, ["read", "written"]),
+                            (50, ["read"]), (54, ["read"])]:
+            with self.subTest(size):
+                unseen = {"t": 1120, "at": "platform", "dir": "out", "n": size, "port": "at",
+                          "unknown": ["data"]}
+                commands, _ = tracked(said(100, "at", "in", b"AT+CGMR\r"), unseen)
+                self.assertEqual([leg.kind for leg in commands[0].legs], kinds)
+
     def test_two_ports_at_once(self) -> None:
         commands, _ = tracked(*host(100, b"AT\r", "modem"), *host(101, b"AT\r"),
                               said(120, "cp-at", "out", b"AT\r"),
@@ -419,7 +428,10 @@ class Text(unittest.TestCase):
         made = recording(*host(1_500_000, b"AT\r"))
         made.start["source"] = "log"
         told = list(Report(made, View(), Paint(False)).lines(""))
-        self.assertEqual(told[2:], ["      1                     typed on at",
+        done, end = tracked(*cp_command(1_999_990, b"AT\r"))
+        self.assertIn("less than 1 s from typed to answered", verdict(done[0], end, is_log=True))
+        self.assertIn("from a log", told[0])
+        self.assertEqual(told[4:], ["      1                     typed on at",
                                     "      1                     read by the daemon on at"])
 
     def test_none(self) -> None:

@@ -3,12 +3,10 @@
 from __future__ import annotations
 
 import argparse
-import importlib
 import io
 import os
 import sys
 from collections.abc import Sequence
-from typing import Any
 
 from .conversation import Conversation, View
 from .recording import CP_CHANNELS, HOST_PORTS, Recording, RecordingError, read_file
@@ -58,17 +56,13 @@ def _warn(text: str) -> None:
     print(f"trace: {printable(text)}", file=sys.stderr)
 
 
-def _part(name: str) -> Any:
-    """A part of this package that only some options need."""
-    return importlib.import_module(f".{name}", __package__)
-
-
 def _read(options: argparse.Namespace) -> Recording:
     path = "/dev/stdin" if options.file == "-" else options.file
     if not options.from_log:
         return read_file(path)
-    recording: Recording = _part("from_log").read_log(path)
-    return recording
+    from .from_log import read_log  # here and below: what only some options need
+
+    return read_log(path)
 
 
 def _tell_faults(recording: Recording, path: str) -> None:
@@ -82,9 +76,13 @@ def _tell_faults(recording: Recording, path: str) -> None:
 
 def _write_files(options: argparse.Namespace, recording: Recording) -> None:
     if options.html:
-        _part("html").write_page(recording, options.html)
+        from .html import write_page
+
+        write_page(recording, options.html)
     if options.pcap:
-        _part("pcap").write_pcap(recording, options.pcap)
+        from .pcap import write_pcap
+
+        write_pcap(recording, options.pcap)
 
 
 def _view(options: argparse.Namespace) -> View:

@@ -15,6 +15,7 @@ _FINAL = re.compile(
 _FINAL_DIGIT = re.compile(rb"(?:^|[\r\n])([0-46-8])\r$")
 _TAIL = 512  # bytes of an answer in which its final result is looked for
 
+_LINE_END = 2  # bytes at most
 PLATFORM = "platform"
 CP_DEADLINE = 10_000_000  # microseconds that the daemon waits for CP
 PLATFORM_DEADLINE = 5_000_000
@@ -92,6 +93,14 @@ class Command:
             self.wanted = [form]
             return True
         return False
+
+    def due_of_size(self, target: str, size: int) -> bytes:
+        """What is due at a target when it would have this size with its line end; else nothing."""
+        index = self._progress.get(target, (0, b""))[0]
+        for form in self.wanted:
+            if index < len(form) and 0 <= size - len(form[index]) <= _LINE_END:
+                return form[index]
+        return b""
 
     def add(self, t: int, kind: str, place: str = "", text: bytes = b"", remark: str = "") -> Leg:
         """One more leg."""

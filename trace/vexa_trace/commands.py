@@ -7,6 +7,7 @@ from dataclasses import dataclass
 from .command import PLATFORM, Command, Leg, deadline_of, has_final, names_in
 from .decode import Decoder, Message
 from .lines import LineAssembly, Typed, bare, is_repeat
+from .packs import HEADS
 from .recording import CP_CHANNELS, Event, Recording
 from .wording import escaped
 
@@ -167,6 +168,8 @@ class Tracker:
         elif event.dir == "out" and event.text("err") and not event.data:
             for command in self._handled(road)[-1:]:
                 command.add(event.t, "refused", target, remark=event.text("err"))
+        elif event.dir == "out" and "unknown" in event.fields and not event.data:
+            self._written_unseen(event, target, road)
         elif event.dir == "out":
             for message in messages:
                 self._written(event, target, road, message)
@@ -184,12 +187,25 @@ class Tracker:
                 continue
             remark = f"{len(event.data)} of {asked} bytes" if is_part else ""
             command.add(event.t, "written", target, message.text, remark)
-            command.written[target] = event.t
-            self._last_lines[road] = bare(message.text)
-            waiting = self._waiting.get(target, [])
-            kept = [one for one in waiting[-_MOST_WAITING:] if one is not command]
-            self._waiting[target] = [*kept, command]
+            self._waits(event, target, road, command, message.text)
             return
+
+    def _written_unseen(self, event: Event, target: str, road: str) -> None:
+        """A log tells the size of a write, not always its bytes."""
+        heads = HEADS.size if event.at == PLATFORM else 0
+        for command in self._handled(road):
+            text = command.due_of_size(target, (event.number("n") or 0) - heads)
+            if text and not command.is_dropped and command.accepts(target, text, False):
+                command.add(event.t, "written", target, remark="a guess by its size")
+                self._waits(event, target, road, command, text)
+                return
+
+    def _waits(self, event: Event, target: str, road: str, command: Command, text: bytes) -> None:
+        command.written[target] = event.t
+        self._last_lines[road] = bare(text)
+        waiting = self._waiting.get(target, [])
+        kept = [one for one in waiting[-_MOST_WAITING:] if one is not command]
+        self._waiting[target] = [*kept, command]
 
     def _answer(self, event: Event, target: str, road: str, messages: list[Message]) -> None:
         reader = PLATFORM if event.at == PLATFORM else target

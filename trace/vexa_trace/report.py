@@ -65,15 +65,17 @@ def _nowhere(command: Command) -> str:
     return f"no write to CP or the platform{closed}"
 
 
-def _total(command: Command) -> str:
+def _total(command: Command, is_log: bool) -> str:
     last = max((leg.t for leg in command.legs_of("delivered", "own")), default=None)
     if last is None or not is_answered(command):
         return ""
     start = "typed" if command.legs_of("typed") else "read"
+    if is_log:  # both times are cut to whole seconds
+        return f"less than {(last - command.begun) // 1_000_000 + 1} s from {start} to answered"
     return f"{span(last - command.begun)} from {start} to answered"
 
 
-def verdict(command: Command, end: int) -> str:
+def verdict(command: Command, end: int, is_log: bool = False) -> str:
     """One sentence: where it went, who answered, how long it took."""
     parts = []
     if command.written:
@@ -88,7 +90,7 @@ def verdict(command: Command, end: int) -> str:
     if command.legs_of("own"):
         parts.append("the daemon answered by itself")
     parts += [leg.remark for leg in command.legs_of("note") if not command.finals]
-    return printable("; ".join(filter(None, (*parts, _total(command)))))
+    return printable("; ".join(filter(None, (*parts, _total(command, is_log)))))
 
 
 def is_answered(command: Command) -> bool:
@@ -108,6 +110,9 @@ class Report:
     def lines(self, pattern: str) -> Iterator[str]:
         """Those of the commands that hold the pattern."""
         wanted = [one for one in self._tracker.commands if self._takes(one, pattern)]
+        if self._is_log:
+            yield "from a log: times to the second; the conversation tells which bytes are guesses"
+            yield ""
         if not wanted:
             yield "no such command" if pattern else "no command"
         for number, command in enumerate(wanted):
@@ -127,7 +132,7 @@ class Report:
         where = " ".join(filter(None, (command.source, printable(command.peer))))
         text = self._paint("strong", escaped(command.text, self._view.full))
         yield f"{text}  on {self._paint(colour_of(command.source), where)}"
-        words = verdict(command, self._tracker.end)
+        words = verdict(command, self._tracker.end, self._is_log)
         yield "  " + (words if is_answered(command) else self._paint("fault", words))
         last = command.begun
         for leg in sorted(command.legs, key=lambda leg: leg.t):
@@ -154,7 +159,7 @@ class Report:
         words = {
             "typed": f"{_SENT.get(leg.place, 'typed')} on {place}",
             "read": f"read by the daemon on {place}",
-            "written": f"written to {place}  {text}",
+            "written": f"written to {place}  {text}".rstrip(),
             "refused": f"not taken by {place}: {remark}",
             "answer": f"read from {place}  {text}{guess}",
             "delivered": f"written to {place}" + (f"  {text}" if text else ""),
