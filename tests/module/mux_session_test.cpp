@@ -2,7 +2,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <random>
 
 #include "module.h"
@@ -320,44 +319,5 @@ INSTANTIATE_TEST_SUITE_P(
                     Hostile{"TooLong",
                             std::string("\xF9\x0B\xEF\xFE\xFF") + std::string(500, 'x')}),
     [](const auto& row) { return row.param.name; });
-
-std::string output_of(const std::string& command) {
-    std::FILE* const pipe = popen(command.c_str(), "re");
-    std::string output;
-    char area[4096];
-    while (pipe != nullptr && std::fgets(area, sizeof area, pipe) != nullptr) output += area;
-    EXPECT_EQ(pipe == nullptr ? -1 : pclose(pipe), 0)
-        << command << " failed; is tshark there (script/bootstrap)?";
-    return output;
-}
-
-TEST(MuxModule, RecordedSessionIsReadByTshark) {
-    std::string path = testing::TempDir() + "mux_session_XXXXXX";
-    close(mkstemp(path.data()));
-    Module module(with_platform());
-    start_with_platform(module);
-    MuxLink mux(module);
-    mux.record(path);
-    ASSERT_TRUE(play_session(module, mux));
-    EXPECT_EQ(mux.recorded().bytes_outside_frames(), 16U) << "AT+CMUX=0 and its OK";
-    // Direction (0 from the host), DLCI, frame type, whether the check sequence is right.
-    const std::string named =
-        output_of("tshark -r " + path +
-                  " -T fields -E separator=, -E occurrence=f -e mux27010.direction "
-                  "-e mux27010.address.dlciaddress -e mux27010.control.frametype "
-                  "-e mux27010.checksum_correct 2>/dev/null");
-    const std::string sabm = ",0x2f,";
-    const std::string ua = ",0x63,";
-    const std::string uih = ",0xef,";
-    std::string expected;
-    for (const std::string dlci : {"0", "1", "2"})
-        expected += "0x00," + dlci + sabm + "1\n0x01," + dlci + ua + "1\n";
-    // The fourth acknowledgement has SABM's type and a UA's check sequence.
-    expected += "0x00,4" + sabm + "1\n0x01,4" + sabm + "\n";
-    for (const std::string dlci : {"2", "2", "4", "2"})
-        expected += "0x00," + dlci + uih + "1\n0x01," + dlci + uih + "1\n";
-    EXPECT_EQ(named, expected);
-    unlink(path.c_str());
-}
 
 }  // namespace

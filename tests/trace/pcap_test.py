@@ -96,6 +96,7 @@ class Serial(Capture):
             (Event(5, "udp", "in", "", b"AT", {"peer": "127.0.0.1:9"}), "peer=127.0.0.1:9"),
             (Event(6, "bench", "", "unplug", b"", {"port": "at"}), "unplug port=at"),
             (Event(7, "bench", "", "platform-stop"), "platform-stop"),
+            (Event(8, "cp-at", "", "intent", b"", {"err": "EIO"}), "intent err=EIO"),
         )
         self.write([event for event, _ in rows])
         self.assertEqual(self.fields("frame.comment"), [expected for _, expected in rows])
@@ -113,6 +114,7 @@ class Serial(Capture):
                 Event(1, "at", "typed", "", b"AT"),
                 Event(2, "log", "out", "", b"text"),
                 Event(3, "uevent", "in", "", b"change@"),
+                Event(3, "cp-at", "", "intent", b"", {"size": 16384}),
                 Event(4, "bench", "", "unplug", b"", {"port": ["at"]}),
                 Event(5, "elsewhere", "in", "", b"x"),
             ]

@@ -151,6 +151,8 @@ class _Capture:
         self._change(event, place, _describe(event))
 
     def _take_change(self, event: Event) -> None:
+        if event.what == "intent" and not event.fields.get("err"):
+            return  # one before every read of a channel
         if event.what in ("lines-read", "lines-set"):
             self._lines[event.at] = _line_bits(event.fields.get("lines", ""))
         if event.what == "mode" and event.at == "uart":

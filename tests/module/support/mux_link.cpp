@@ -13,7 +13,6 @@ constexpr std::chrono::milliseconds kLongestRest{240};
 void MuxLink::take_input() {
     const std::string bytes = module_.uart_port().received();
     module_.uart_port().forget_received();
-    record_.passed(bench::MuxRecord::Direction::to_host, bytes);
     host_.received(bytes);
 }
 
@@ -45,11 +44,6 @@ void MuxLink::expect_stray(std::string_view text, Here here) {
     module_.wait_until([&] { return host().take_stray(text); }, bench::visible(text), here);
 }
 
-void MuxLink::record(const std::string& path, Here here) {
-    if (!record_.create(path))
-        module_.fail("cannot write " + path, here);
-}
-
 bool MuxLink::flush(Here here) {
     const std::string output = host_.take_output();
     return output.empty() || write(output, here);
@@ -66,7 +60,6 @@ bool MuxLink::wait_until(const std::function<bool()>& done, const std::string& w
 }
 
 bool MuxLink::write(std::string_view bytes, Here here) {
-    record_.passed(bench::MuxRecord::Direction::from_host, bytes);
     if (cut_ == 0) {
         module_.uart_port().write(bytes, here);
         return !was_slow_;

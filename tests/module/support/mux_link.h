@@ -8,7 +8,6 @@
 #include "here.h"
 #include "module.h"
 #include "mux_host.h"
-#include "mux_record.h"
 
 class MuxLink {
   public:
@@ -28,9 +27,6 @@ class MuxLink {
 
     // What came and is still not taken.
     bench::MuxHost& host();
-    // From now on every frame is saved.
-    void record(const std::string& path, Here here = Here::current());
-    const bench::MuxRecord& recorded() const { return record_; }
 
   private:
     void take_input();
@@ -43,5 +39,4 @@ class MuxLink {
     std::size_t cut_;
     bool was_slow_ = false;
     bench::MuxHost host_;
-    bench::MuxRecord record_;
 };
