@@ -28,10 +28,16 @@ def _seconds(text: str) -> float:
     return value
 
 
+def _called() -> str:
+    """The name it was started by: installed it has one of its own."""
+    name = os.path.basename(sys.argv[0])
+    return "script/trace" if name == "__main__.py" else name
+
+
 def make_parser() -> argparse.ArgumentParser:
     """The options; also what the manual page is held against."""
     parser = argparse.ArgumentParser(
-        prog="script/trace",
+        prog=_called(),
         description="Shows what passed the daemon's boundaries, and what became of each command.",
         epilog=_EPILOG,
         formatter_class=argparse.RawDescriptionHelpFormatter,
