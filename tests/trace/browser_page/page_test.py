@@ -2,12 +2,15 @@
 
 from __future__ import annotations
 
+import os
+import subprocess
 import unittest
 
-from browser import PageTest
+from browser import DEADLINE, PageTest
 from recordings import HOSTILE, Lines, long, usual
 from selenium.webdriver.common.keys import Keys
-from vexa_trace.recording import read_lines
+from vexa_trace.picture import make_picture
+from vexa_trace.recording import Recording, read_file, read_lines
 
 READS_CFUN = 9  # index of the daemon's read of AT+CFUN? in the usual session
 TYPED_CFUN = 8
@@ -276,8 +279,32 @@ class Told(PageTest):
         recording.start["source"] = "log"
         recording.is_whole = False
         self.open(recording)
-        self.assertIn("from the daemon's log", self.text("summary"))
+        self.assertIn("from the log, to the second", self.text("summary"))
         self.assertTrue(self.js("return document.getElementById('warning').hidden"))
+
+
+class Recorded(PageTest):
+    """A session of the daemon itself."""
+
+    def record(self) -> Recording:
+        path = f"{self.folder.name}/session.jsonl"
+        lines = 'AT+CFUN?\nAT+CGMR\nAT+CMGS="+15550100"\nHello\n/unplug modem\n'
+        subprocess.run([os.environ["VEXA_BENCH"], "--record", path], input=lines.encode(),
+                       capture_output=True, check=True, timeout=DEADLINE)
+        return read_file(path)
+
+    def test_it_is_drawn(self) -> None:
+        recording = self.record()
+        self.open(recording)
+        wanted = {"modem", "at", "uart", "daemon", "cp-modem", "cp-at", "cp-uart", "platform"}
+        self.assertLessEqual(wanted, set(self.state()["lanes"]))
+        self.assertTrue(self.js("return document.getElementById('warning').hidden"))
+        pack = next(i for i, e in enumerate(recording.events)
+                    if e.at == "platform" and e.dir == "out" and b"AT+CGMR" in e.data)
+        self.js("trace.show(arguments[0])", pack)
+        self.wait_text("panel-facts", "Meansat · AT+CGMR\\r")
+        found = {(band.lane, band.name) for band in make_picture(recording).bands}
+        self.assertLessEqual({("at", "sms"), ("modem", "unplugged")}, found)
 
 
 class Hostile(PageTest):

@@ -143,7 +143,7 @@ function drawGaps(from, to) {
     pen.fillStyle = colors.soft;
     pen.font = `11px ${SANS}`;
     pen.textAlign = "left";
-    pen.fillText(`⋮  ${duration(us)}`, 62, (low + high) / 2 + 4);
+    pen.fillText(`⋮  ${data.fromLog ? "about " : ""}${duration(us)}`, 62, (low + high) / 2 + 4);
   }
 }
 

@@ -15,7 +15,7 @@ function describe() {
   const wall = (data.start.wall ?? "").replace("T", " ").replace(/\.\d+Z$/, " UTC");
   const length = model.count === 0 ? 0 : model.t[model.count - 1] - model.t[0];
   const parts = [wall, duration(length), `${model.count.toLocaleString("en")} events`];
-  if (data.fromLog) parts.push("from the daemon's log: to the second, and not all is known");
+  if (data.fromLog) parts.push("from the log, to the second");
   byId("summary").textContent = parts.filter((part) => part !== "").join("  ·  ");
   const warnings = isComplete() ? [] : ["cut off"];
   if (data.faultCount > 0) warnings.push(`${data.faultCount} broken line${data.faultCount === 1 ? "" : "s"}`);
