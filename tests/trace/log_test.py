@@ -3,11 +3,12 @@
 from __future__ import annotations
 
 import random
+import tempfile
 import unittest
 from typing import Any
 
-from vexa_trace.from_log import read_log_bytes
-from vexa_trace.recording import Event
+from vexa_trace.from_log import read_log, read_log_bytes
+from vexa_trace.recording import Event, RecordingError
 
 _T = "2026-11-21 15:13:44 "
 _LATER = "2026-11-21 15:13:46 "
@@ -187,12 +188,12 @@ class Rows(unittest.TestCase):
          [("udp", "out", b"", {"n": 0, "err": "Message too long", "peer": ""})]),
         ("MUX package format error.\r\n",
          [("uart", "mode", b"", {"mode": "mux"}),
-          ("log", "out", b"MUX package format error.", {})]),
+          ("log", "out", b"MUX package format error.", {"noted": True})]),
         ("Received MHI uevent with MHI_CHANNEL_STATE_32=CONNECTED state: 0,0,0\r\n",
          [("uevent", "mhi", b"",
            {"change": "connected", "channel": 32, "unknown": ["data"]})]),
         ("recv_with_timeout failed or timeout.\r\n",
-         [("log", "out", b"recv_with_timeout failed or timeout.", {})]),
+         [("log", "out", b"recv_with_timeout failed or timeout.", {"noted": True})]),
         ("bash: no daemon's words\n", [("log", "out", b"bash: no daemon's words", {})]),
         ("read from '/dev/elsewhere' num_read 1.\r\n",
          [("/dev/elsewhere", "in", b"", {"n": 1, "unknown": ["data"]})]),
@@ -253,6 +254,13 @@ class Hostile(unittest.TestCase):
         for cut in range(len(log)):
             events = _told(log[:cut] + b"\n" + log)
             self.assertEqual([_short(event) for event in events][-4:], whole, cut)
+
+    def test_file_that_is_no_log_of_the_daemon(self) -> None:
+        with tempfile.NamedTemporaryFile() as file:
+            file.write(_T.encode() + b"hello\n")
+            file.flush()
+            with self.assertRaisesRegex(RecordingError, "is this its log"):
+                read_log(file.name)
 
     def test_changed_logs(self) -> None:
         chance = random.Random(7)

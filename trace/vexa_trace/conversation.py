@@ -16,7 +16,7 @@ _COUNTERPARTS = {"udp": "client", "qmi": "client", "uevent": "kernel"}
 class View:
     """Which events are wanted."""
 
-    places: frozenset[str] = frozenset()  # none: all but the log
+    places: frozenset[str] = frozenset()  # none: all, of the log only what is noted
     begin: int | None = None  # microseconds, both included
     end: int | None = None
     full: bool = False
@@ -32,7 +32,7 @@ class View:
         if event.what == "intent" and not event.fields.get("err") and not self.full:
             return False
         if not self.places:
-            return event.at != "log"
+            return event.at != "log" or bool(event.fields.get("noted"))
         return event.at in self.places or (port in HOST_PORTS and port in self.places)
 
 
@@ -84,7 +84,7 @@ class Conversation:
 
     def _happened(self, event: Event) -> str:
         text = self._paint("fault" if is_fault(event) else "event", event_words(event))
-        if event.at == "platform" and event.what == "connect":
+        if event.at == "platform" and (event.what == "connect" or event.text("port")):
             port = self._decoder.port_of(event)
             text += f" (serves {printable(port)})" if port else ""
         place = printable(event.at)

@@ -8,7 +8,7 @@ from typing import Any
 from .log_rows import ROWS
 from .log_scan import Groups, Piece, Scanner
 from .log_story import Story
-from .recording import Recording
+from .recording import Recording, RecordingError
 
 # A module's clock is set while the daemon runs: such a leap is no time that passed.
 _LONGEST_PAUSE = 24 * 3600
@@ -45,7 +45,7 @@ def _tell(story: Story, piece: Piece) -> None:
     if piece.row and piece.row.tell:
         piece.row.tell(story, piece.groups)
     elif not piece.row and not story.dumped(piece.text) and piece.text.strip():
-        story.note()
+        story.foreign()
 
 
 def read_log_bytes(log: bytes) -> Recording:
@@ -71,6 +71,9 @@ def read_log_bytes(log: bytes) -> Recording:
 
 
 def read_log(path: str) -> Recording:
-    """The recording that a log makes; raises OSError."""
+    """The recording that a log makes; raises RecordingError or OSError."""
     with open(path, "rb") as file:
-        return read_log_bytes(file.read())
+        recording = read_log_bytes(file.read())
+    if not any(event.at != "log" or "noted" in event.fields for event in recording.events):
+        raise RecordingError("holds no message of the daemon; is this its log?")
+    return recording

@@ -121,6 +121,10 @@ class Story:
 
     def note(self, _: Groups = ()) -> None:
         """The daemon's own words, where no field says it better."""
+        self._add("log", "out", noted=True).data = self.text
+
+    def foreign(self) -> None:
+        """Text that is none of the daemon's messages, or a piece of one."""
         self._add("log", "out").data = self.text
 
     def started(self, _: Groups = ()) -> None:
