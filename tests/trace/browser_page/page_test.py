@@ -40,6 +40,18 @@ class Shown(PageTest):
         self.assertNotEqual(self.pixel(x, y), self.pixel(x, y + 4))
         self.assertNotEqual(self.pixel(x, y), self.pixel(x, y + 8))
 
+    def test_qmi_reaches_the_udp_lane_and_not_the_daemon(self) -> None:
+        lines = usual()
+        lines.add(10, "qmi", dir="in", kind="request", n=3, data="ATI")
+        recording = lines.recording()
+        self.open(recording)
+        index = len(recording.events) - 2
+        (_, qmi_to), (udp, _) = self.js(
+            "return [trace.endsOf(arguments[0]), trace.endsOf(arguments[0] - 1)]", index)
+        self.assertEqual(udp, qmi_to)
+        self.js("trace.show(arguments[0])", index)
+        self.wait_text("panel-title", "QMI client → service")
+
     def test_bands_are_drawn(self) -> None:
         self.open(usual().recording())
         self.assertEqual(3, self.state()["bandsInAll"])  # SMS mode, failing writes, unplugged

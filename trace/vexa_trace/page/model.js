@@ -11,6 +11,8 @@ const model = {
   kind: Uint8Array.from(data.events.kind),
   fault: Uint8Array.from(data.events.fault),
   line: data.events.line,
+  qmiLane: data.lanes.findIndex((lane) => lane.name === "qmi"),
+  udpLane: data.lanes.findIndex((lane) => lane.name === "udp"),
   daemonLane: data.lanes.findIndex((lane) => lane.name === "daemon"),
 };
 
@@ -67,6 +69,9 @@ const seconds = (us) => (us / 1e6).toFixed(6);
 
 function placeOf(i) {
   const place = model.lanes[model.lane[i]].title;
+  if (model.lane[i] === model.qmiLane && hasBytes(i)) {
+    return model.kind[i] === TO_DAEMON ? "QMI client → service" : "QMI service → client";
+  }
   if (model.kind[i] === TYPED) return `typed → ${place}`;
   if (model.kind[i] === TO_DAEMON) return `${place} → daemon`;
   if (model.kind[i] === FROM_DAEMON) return `daemon → ${place}`;

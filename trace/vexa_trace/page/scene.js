@@ -72,7 +72,9 @@ function placeLanes() {
 // Both ends of an event's arrow; a note has one point. With the daemon's lane off, the left edge.
 function endsOf(i) {
   const lane = laneX[model.lane[i]];
-  const daemon = laneX[model.daemonLane] || GUTTER + 0.5;
+  // The QMI service is no part of the daemon; it relays to the UDP server.
+  const partner = model.lane[i] === model.qmiLane && laneX[model.udpLane] ? model.udpLane : model.daemonLane;
+  const daemon = laneX[partner] || GUTTER + 0.5;
   const kind = model.kind[i];
   if (kind === TYPED) return [lane - Math.min(STUB, laneStep * 0.4), lane];
   if (kind === TO_DAEMON) return [lane, daemon];
