@@ -29,6 +29,9 @@ constexpr auto kRound = 2ms;
 constexpr std::size_t kLogTail = 6000;
 
 constexpr std::array kHostPaths{"/dev/at_usb0", "/dev/at_usb1", "/dev/ttyMSM1", "/dev/mhi_pipe_32"};
+// What the daemon opens on a target of USB.
+constexpr std::array kUsbDevices{"/dev/at_usb0", "/dev/at_usb1", "/dev/ttyMSM1",
+                                 "/dev/at_mdm0", "/dev/smd7",    "/dev/smd8"};
 constexpr std::array kChannelPaths{"/dev/at_mdm0", "/dev/smd7", "/dev/smd8"};
 
 std::size_t file_size(int fd) {
@@ -66,7 +69,7 @@ int status_number(int status) {
 }
 
 // The kernel's table of a network namespace's UDP sockets names port 5555 in hexadecimal.
-bool serves_udp(int pid) {
+bool has_udp_server(int pid) {
     std::ifstream table("/proc/" + std::to_string(pid) + "/net/udp");
     std::string line;
     while (std::getline(table, line)) {
@@ -165,13 +168,22 @@ void Module::start(Here here) {
 void Module::wait_until_ready(Here here) {
     std::vector<std::string> needed = options_.ready_devices;
     if (needed.empty()) {
-        needed = {"/dev/at_usb0", "/dev/at_usb1", "/dev/ttyMSM1",
-                  "/dev/at_mdm0", "/dev/smd7",    "/dev/smd8"};
+        needed.assign(kUsbDevices.begin(), kUsbDevices.end());
     }
     for (const std::string& path : needed) {
         wait_until([&] { return device(path).polls() > 0; }, path + " to be served", here);
     }
-    wait_until([&] { return serves_udp(daemon_.outer_pid); }, "the UDP server", here);
+    wait_until([&] { return serves_udp(); }, "the UDP server", here);
+}
+
+bool Module::has_all_ports_open() {
+    return std::all_of(kUsbDevices.begin(), kUsbDevices.end(),
+                       [&](const char* path) { return device(path).opens() > 0; }) &&
+           serves_udp();
+}
+
+bool Module::serves_udp() const {
+    return has_udp_server(daemon_.outer_pid);
 }
 
 int Module::daemon_exit_status(Here here) {
@@ -231,6 +243,10 @@ void Module::send_uevent(const std::string& text) {
 
 std::string Module::log() const {
     return whole_file(log_.get());
+}
+
+void Module::drop_log() {
+    (void)!ftruncate(log_.get(), 0);
 }
 
 int Module::log_count(std::string_view text) const {

@@ -82,6 +82,9 @@ class Module {
     // The daemon.
     void start(Here here = Here::current());
     void wait_until_ready(Here here = Here::current());
+    // Whether the USB target's host ports and modem channels are open and UDP is served.
+    bool has_all_ports_open();
+    bool serves_udp() const;
     // Waits for the daemon to end by itself: its exit status, or 128 + signal number.
     int daemon_exit_status(Here here = Here::current());
     bool daemon_runs() const { return daemon_.pid > 0 && !daemon_status_; }
@@ -91,6 +94,7 @@ class Module {
 
     // Everything the daemon has written to its standard output and error.
     std::string log() const;
+    void drop_log();
     int log_count(std::string_view text) const;
     // For a test that looks at what is new only.
     std::size_t log_size() const;
