@@ -316,14 +316,14 @@ void BenchModule::play_modem() {
     }
 }
 
-void BenchModule::take_log() {
+bool BenchModule::take_log() {
     std::array<char, 16384> bytes;
     const ssize_t got = read(log_.get(), bytes.data(), bytes.size());
     if (got <= 0) {
         if (got == 0) {
             loop_.unwatch(log_.get());
         }
-        return;
+        return false;
     }
     const auto size = static_cast<std::size_t>(got);
     record_.log({bytes.data(), size});
@@ -334,6 +334,7 @@ void BenchModule::take_log() {
     if (log_tail_.size() > 2 * kLogTail) {
         log_tail_.erase(0, log_tail_.size() - kLogTail);
     }
+    return true;
 }
 
 void BenchModule::take_exits() {

@@ -90,6 +90,8 @@ class BenchModule {
     bool use_scenario_text(const std::string& name, const std::string& text);
 
     SessionRecord& record() { return record_; }
+    // The recording's last line, behind what the daemon has sent.
+    void end_record(int status);
     // One line: the mode of each host port and whether the platform is there.
     std::string status_line();
     // What passed so far and what the daemon takes, a line each.
@@ -115,7 +117,7 @@ class BenchModule {
     void accept_channel(int channel);
     void close_channel(int channel);
     void play_modem();
-    void take_log();
+    bool take_log();  // false: nothing came
     void take_exits();
     void look_if_ready();
     bool is_ready();

@@ -97,9 +97,9 @@ void Console::next_line() {
         if (lines_.empty()) {
             if (ended_ && wants_text_) {
                 send_text("\x1b");
-                return;
             }
-            if (ended_) {
+            // Nobody waits for the result of a message that another client of the port began.
+            if (ended_ && results_left_ == 0) {
                 end();
             }
             return;

@@ -13,6 +13,9 @@
 namespace bench {
 namespace {
 
+constexpr auto kRecordDeadline = std::chrono::seconds(1);
+constexpr auto kEndDeadline = std::chrono::seconds(10);
+
 struct LineBit {
     std::string_view name;
     std::uint32_t bit;
@@ -120,9 +123,16 @@ bool BenchModule::stop_platform() {
         return fail("no platform runs");
     }
     record_.done("platform-stop");
-    const int pid = platform_->pid;
-    platform_.reset();
-    return space_.signal(pid, SIGTERM) || fail(space_.error());
+    if (!space_.signal(platform_->pid, SIGTERM)) {
+        return fail(space_.error());
+    }
+    // Until it is gone a command may still be written to it.
+    const auto deadline = std::chrono::steady_clock::now() + kEndDeadline;
+    while (platform_ && std::chrono::steady_clock::now() < deadline) {
+        take_exits();
+        uv_sleep(1);
+    }
+    return !platform_ || fail("the platform does not end");
 }
 
 bool BenchModule::start_platform() {
@@ -185,6 +195,18 @@ bool BenchModule::use_scenario_text(const std::string& name, const std::string& 
     play_scenario(std::move(parsed.scenario));
     play_modem();
     return true;
+}
+
+void BenchModule::end_record(int status) {
+    // A call that is blocked for longer has sent nothing yet.
+    const auto deadline = std::chrono::steady_clock::now() + kRecordDeadline;
+    while (record_.is_open() && !space_.is_all_recorded() &&
+           std::chrono::steady_clock::now() < deadline) {
+        uv_sleep(1);
+    }
+    while (take_log()) {
+    }
+    record_.end(status);
 }
 
 std::string BenchModule::status_line() {

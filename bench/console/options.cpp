@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "command_line.h"
 #include "module_space.h"
 
 namespace bench {
@@ -15,22 +16,29 @@ std::optional<BenchOptions> parse_options(int argc, char** argv, int& status) {
     CLI::App app(
         "Starts the daemon on a simulated module and gives an AT console.\n"
         "On a terminal: line editing, /help, Ctrl-D ends. Else: one command a line; the\n"
-        "exit status is 0 when every command got a final result.",
+        "exit status is 0 when every command got a final result. With --replay it is 0 when\n"
+        "every answer is the recorded one.",
         "script/run");
     app.add_option("--port", options.port, "The console's port")
         ->check(CLI::IsMember({"modem", "at", "uart", "mux", "udp", "qmi", "pcie"}))
         ->capture_default_str();
-    app.add_option("--scenario", options.scenario, "What the modem answers (docs/scenarios.md)")
-        ->check(CLI::ExistingFile);
-    app.add_option("--platform-scenario", options.platform_scenario,
-                   "What the app platform answers")
-        ->check(CLI::ExistingFile);
+    auto* const scenario =
+        app.add_option("--scenario", options.scenario, "What the modem answers (docs/scenarios.md)")
+            ->check(CLI::ExistingFile);
+    auto* const platform_scenario = app.add_option("--platform-scenario", options.platform_scenario,
+                                                   "What the app platform answers");
+    platform_scenario->check(CLI::ExistingFile);
     app.add_flag("!--no-platform", options.platform, "Leave the app platform out");
     app.add_option("--platform-after", options.platform_after,
                    "Start the app platform so many seconds late")
         ->check(CLI::NonNegativeNumber);
     app.add_option("--record", options.record,
                    "Record what passes every boundary (docs/recording.md)");
+    auto* const replay = app.add_option("--replay", options.replay,
+                                        "Play the host's side of a recording again and tell the "
+                                        "first difference in the answers, instead of a console");
+    replay->check(CLI::ExistingFile);
+    app.add_flag("--fast", options.fast, "Replay without the recorded pauses")->needs(replay);
     app.add_flag("--pcie", options.pcie, "Attach the module over PCIe (--port pcie does, too)");
     app.add_option("--target", options.target, "Target number of the module")
         ->capture_default_str();
@@ -42,10 +50,12 @@ std::optional<BenchOptions> parse_options(int argc, char** argv, int& status) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        status = app.exit(error);
+        status = report_parse_error(app, error);
         return std::nullopt;
     }
     options.pcie = options.pcie || options.port == "pcie";
+    options.has_own_scenario = scenario->count() > 0;
+    options.has_own_platform_scenario = platform_scenario->count() > 0;
     return options;
 }
 

@@ -11,9 +11,12 @@ struct BenchOptions {
     std::string scenario;           // the modem's
     std::string platform_scenario;  // the app platform's
     bool platform = true;
-    double platform_after = 0;  // seconds
-    std::string record;         // file for everything that passes (docs/recording.md)
-    std::string replay;         // recording to play again
+    double platform_after = 0;      // seconds
+    std::string record;             // file for everything that passes (docs/recording.md)
+    std::string replay;             // recording to play again
+    bool fast = false;              // replay without the recorded pauses
+    bool has_own_scenario = false;  // named on the command line
+    bool has_own_platform_scenario = false;
     bool pcie = false;
     std::string daemon;    // program
     std::string log;       // file for the daemon's output

@@ -12,6 +12,7 @@
 #include <memory>
 #include <string>
 
+#include "command_line.h"
 #include "platform_peer.h"
 
 namespace {
@@ -251,7 +252,11 @@ int main(int argc, char** argv) {
     app.add_option("--socket", options.path, "Path of the socket")->capture_default_str();
     app.add_option("--after", options.after_seconds, "Seconds before it begins to listen");
     app.add_option("--record", options.record, "File that gets a line for each pack received");
-    CLI11_PARSE(app, argc, argv);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return bench::report_parse_error(app, error);
+    }
 
     bench::ParsedScenario parsed = bench::load_scenario(options.scenario, bench::platform_verbs());
     if (!parsed.error.empty()) {

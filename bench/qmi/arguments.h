@@ -6,6 +6,8 @@
 #include <optional>
 #include <string>
 
+#include "command_line.h"
+
 namespace bench {
 
 // Parses, and tells the QMI libraries where the service is. The exit status when the program is to
@@ -16,7 +18,7 @@ inline std::optional<int> parse_arguments(CLI::App& app, int argc, char** argv) 
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error);
+        return report_parse_error(app, error);
     }
     if (!socket.empty())
         setenv("VEXA_QMI_SOCKET", socket.c_str(), 1);

@@ -56,6 +56,10 @@ static_assert(sizeof(DeviceState) == 26 * 4);
 static_assert(Word::is_always_lock_free);
 
 struct ModuleState {
+    // While something is recorded: calls that send, begun and written down. Equal: the recording
+    // tells all that went out.
+    Word sends_begun;
+    Word sends_recorded;
     std::array<DeviceState, kDevicePaths.size()> devices;
 };
 

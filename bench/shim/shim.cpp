@@ -302,6 +302,29 @@ int poll_devices(pollfd* fds, nfds_t count, Wait wait) {
     }
 }
 
+// A call that sends, from its begin to its line in the recording.
+class RecordedSend {
+  public:
+    RecordedSend() : begun_(bench::record_time()) {
+        if (is_counted()) {
+            ++g_state->sends_begun;
+        }
+    }
+    ~RecordedSend() {
+        if (is_counted()) {
+            ++g_state->sends_recorded;
+        }
+    }
+    RecordedSend(const RecordedSend&) = delete;
+    RecordedSend& operator=(const RecordedSend&) = delete;
+    std::int64_t begun() const { return begun_; }
+
+  private:
+    static bool is_counted() { return bench::is_recording() && g_state != nullptr; }
+
+    std::int64_t begun_;
+};
+
 // The daemon's own mode variables, by its dynamic symbols; null when it has none.
 struct PortModeSource {
     const char* symbol;
@@ -555,9 +578,9 @@ ssize_t write(int fd, const void* buffer, std::size_t size) {
         return NEXT(write)(fd, buffer, size);
     }
     publish_modes();
-    const std::int64_t begun = bench::record_time();
+    const RecordedSend call;
     const ssize_t sent = write_device(*device, fd, buffer, size);
-    bench::record_write(index_of(device), begun, buffer, size, sent);
+    bench::record_write(index_of(device), call.begun(), buffer, size, sent);
     return sent;
 }
 
@@ -597,10 +620,10 @@ int connect(int fd, const sockaddr* address, socklen_t size) {
 }
 
 ssize_t send(int fd, const void* bytes, std::size_t size, int flags) {
-    const std::int64_t begun = bench::record_time();
+    const RecordedSend call;
     const ssize_t sent = NEXT(send)(fd, bytes, size, flags);
     if (const int connection = connection_of(fd)) {
-        bench::record_platform_sent(connection, begun, bytes, size, sent);
+        bench::record_platform_sent(connection, call.begun(), bytes, size, sent);
     }
     return sent;
 }
@@ -626,12 +649,12 @@ ssize_t __recv_chk(int fd, void* bytes, std::size_t size, std::size_t /*area*/, 
 
 ssize_t sendto(int fd, const void* bytes, std::size_t size, int flags, const sockaddr* to,
                socklen_t to_size) {
-    const std::int64_t begun = bench::record_time();
+    const RecordedSend call;
     const ssize_t sent = NEXT(sendto)(fd, bytes, size, flags, to, to_size);
     if (bench::is_recording() && to != nullptr && to->sa_family == AF_INET) {
         sockaddr_in peer;
         memcpy(&peer, to, sizeof peer);
-        bench::record_datagram_sent(begun, peer, bytes, size, sent);
+        bench::record_datagram_sent(call.begun(), peer, bytes, size, sent);
     }
     return sent;
 }

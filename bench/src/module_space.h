@@ -69,6 +69,10 @@ class ModuleSpace {
     std::string outside(const std::string& path) const;
     // The device words shared with the shim; index as in kDevicePaths.
     DeviceState& device(std::size_t index) { return state_->devices[index]; }
+    // Whether the recording tells all that the daemon has sent so far.
+    bool is_all_recorded() const {
+        return state_ == nullptr || state_->sends_begun == state_->sends_recorded;
+    }
     // Makes a blocked poll of a device look at pending_events.
     void wake(std::size_t index);
 

@@ -4,11 +4,14 @@
 #include <poll.h>
 #include <pty.h>
 #include <signal.h>
+#include <stdlib.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 
 #include <array>
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <string>
 
@@ -107,9 +110,70 @@ TEST(Console, WithoutThePlatformItsCommandsGoToTheModem) {
     EXPECT_EQ(outcome.output, "+CSQ: 1,1\nOK\n");
 }
 
+TEST(Console, WrongUsageIsTold) {
+    EXPECT_EQ(run("AT\\n", "--nonsense").status, 2);
+    EXPECT_EQ(run("AT\\n", "--port nowhere").status, 2);
+    EXPECT_EQ(run("AT\\n", "--help").status, 0);
+}
+
 TEST(Console, MistakeInAScenarioIsTold) {
     const ScenarioFile wrong("on A\n  anser OK\n");
     EXPECT_EQ(run("AT\\n", "--scenario " + wrong.path()).status, 1);
+}
+
+struct OwnCommand {
+    const char* input;
+    const char* output;  // stands in what is printed
+    int status;
+};
+
+void PrintTo(const OwnCommand& row, std::ostream* out) {
+    *out << row.input;
+}
+
+class OwnCommands : public testing::TestWithParam<OwnCommand> {};
+
+TEST_P(OwnCommands, DoAndTell) {
+    const auto& [input, output, status] = GetParam();
+    const Outcome outcome = run(input, "--port modem --time-out 60");
+    EXPECT_EQ(outcome.status, status) << outcome.output;
+    EXPECT_NE(outcome.output.find(output), std::string::npos) << outcome.output;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Console, OwnCommands,
+    testing::Values(
+        OwnCommand{"/help\\n", "/unplug PORT", 0},
+        OwnCommand{"/ports\\n", "modem command | at command | uart command | platform runs", 0},
+        OwnCommand{"AT\\n/stats\\n", "modem: 3 bytes in 1 chunks to the daemon, 6 in 1 from it", 0},
+        OwnCommand{"AT\\n/stats\\n", "commands: 1 sent here, 1 final results", 0},
+        OwnCommand{"/unplug at\\n/ports\\n", "at unplugged", 0},
+        OwnCommand{"/unplug modem\\n/plug modem\\n/ports\\n", "modem command", 0},
+        OwnCommand{"/unplug\\n", "no such port here: ''", 1},
+        OwnCommand{"/plug at\\n", "plugged already", 1},
+        OwnCommand{"/unplug at\\n/unplug at\\n", "is not plugged", 1},
+        OwnCommand{"/unplug pcie\\n", "no such port here: 'pcie'", 1},  // only with --pcie
+        OwnCommand{"/platform stop\\nAT+CSQ\\n", "ERROR", 0},  // the modem does not know it
+        OwnCommand{"/platform stop\\n/ports\\n", "no platform", 0},
+        OwnCommand{"/platform stop\\n/platform start\\n/ports\\n", "platform runs", 0},
+        OwnCommand{"/platform start\\n", "runs already", 1},
+        OwnCommand{"/platform\\n", "/platform stop, or /platform start", 1},
+        OwnCommand{"/signal dtr\\n", "modem lines: DTR", 0},
+        OwnCommand{"/signal dtr\\n/signal rts on at\\n/signal dtr\\n", "modem lines: none", 0},
+        OwnCommand{"/signal cd on cp-at\\n", "cp-at lines: CD", 0},
+        OwnCommand{"/signal xyz\\n", "no such line: 'XYZ'", 1},
+        OwnCommand{"/signal dtr on nowhere\\n", "no such place: 'nowhere'", 1},
+        OwnCommand{"/signal\\n", "/signal NAME", 1},
+        OwnCommand{"/scenario /nonexistent\\n", "/nonexistent: cannot be read", 1},
+        OwnCommand{"/scenario /etc/passwd\\n", "line 1", 1},
+        OwnCommand{"/nonsense\\n", "no such command: /nonsense", 1}));
+
+TEST(Console, AnotherScenarioFromNowOn) {
+    const ScenarioFile other("on AT+CFUN?\n  answer +CFUN: 4\n  answer OK\n");
+    const Outcome outcome =
+        run("AT+CFUN?\\n/scenario " + other.path() + "\\nAT+CFUN?\\n", "--port modem");
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.output, "+CFUN: 1\nOK\n+CFUN: 4\nOK\n");
 }
 
 class Ports : public testing::TestWithParam<const char*> {};
@@ -128,10 +192,16 @@ INSTANTIATE_TEST_SUITE_P(Console, Ports,
 class Terminal : public testing::Test {
   protected:
     void SetUp() override {
-        pid_ = forkpty(&master_, nullptr, nullptr, nullptr);
+        ASSERT_NE(mkdtemp(state_.data()), nullptr);
+        start();
+    }
+    void start() {
+        const winsize size{.ws_row = 24, .ws_col = 80, .ws_xpixel = 0, .ws_ypixel = 0};
+        pid_ = forkpty(&master_, nullptr, nullptr, &size);
         ASSERT_GE(pid_, 0);
         if (pid_ == 0) {
             setenv("TERM", "xterm", 1);
+            setenv("XDG_STATE_HOME", state_.c_str(), 1);
             const std::string program = bench_program();
             execl(program.c_str(), program.c_str(), nullptr);
             _exit(127);
@@ -143,6 +213,7 @@ class Terminal : public testing::Test {
             kill(pid_, SIGKILL);
             waitpid(pid_, nullptr, 0);
         }
+        std::filesystem::remove_all(state_);
     }
     void type(std::string_view keys) { ASSERT_GT(write(master_, keys.data(), keys.size()), 0); }
     // Reads until the text has come; what came before it is dropped.
@@ -166,6 +237,7 @@ class Terminal : public testing::Test {
         return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
 
+    std::string state_ = "/tmp/vexa-state-XXXXXX";  // where the history is kept
     pid_t pid_ = -1;
     int master_ = -1;
     std::string seen_;
@@ -206,6 +278,46 @@ TEST_F(Terminal, LineCanBeEditedAndCalledBack) {
     expect("+CFUN: 1");
     type("\x10\r");  // Ctrl-P: the line before
     expect("+CFUN: 1");
+}
+
+TEST_F(Terminal, LineOfAnEarlierSessionIsCalledBack) {
+    expect("AT> ");
+    type("AT+CFUN?\r");
+    expect("+CFUN: 1");
+    expect("AT> ");
+    type("\x04");
+    EXPECT_EQ(status(), 0);
+    close(master_);
+    start();
+    expect("AT> ");
+    type("\x10\r");  // Ctrl-P: the line before
+    expect("+CFUN: 1");
+}
+
+TEST_F(Terminal, BottomRowTellsTheModes) {
+    expect("\x1b[1;23r");  // the rows above scroll
+    expect("\x1b[24;1H");  // the bottom one is written
+    expect("modem command | at command | uart command | platform runs");
+    expect("AT> ");
+    type("AT+CMGS=\"1\"\r");
+    expect("at sms");
+    type("hello\r");
+    expect("at command");
+    type("/unplug uart\r");
+    expect("uart unplugged");
+    type("/platform stop\r");
+    expect("no platform");
+    type("/quit\r");
+    expect("\x1b[r");  // given back
+    EXPECT_EQ(status(), 0);
+}
+
+TEST_F(Terminal, AnotherSizeMovesTheBottomRow) {
+    expect("AT> ");
+    const winsize size{.ws_row = 30, .ws_col = 60, .ws_xpixel = 0, .ws_ypixel = 0};
+    ASSERT_EQ(ioctl(master_, TIOCSWINSZ, &size), 0);
+    expect("\x1b[1;29r");
+    expect("\x1b[30;1H");
 }
 
 TEST_F(Terminal, MessageIsAskedFor) {

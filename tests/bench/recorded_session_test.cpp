@@ -1,0 +1,121 @@
+// Recordings as the replay reads them: what the host did, what was answered before.
+#include "recorded_session.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <initializer_list>
+#include <string>
+
+namespace {
+
+using bench::load_session;
+using bench::RecordedSession;
+using Kind = bench::RecordedStep::Kind;
+
+constexpr const char* kStart =
+    R"({"t":100,"at":"bench","what":"start","version":1,"daemon":"d","target":29,"pcie":true,)"
+    R"("platform":false,"platform_after":1.5,"scenario":{"name":"m","text":"on AT\n"},)"
+    R"("platform_scenario":{"name":"p","text":"otherwise\n"}})"
+    "\n";
+
+// The first line and these behind it.
+std::string with_start(std::initializer_list<const char*> lines) {
+    std::string text = kStart;
+    for (const char* line : lines) {
+        text.append(line).append("\n");
+    }
+    return text;
+}
+
+RecordedSession session_of(const std::string& text) {
+    std::string path = "/tmp/vexa-session-XXXXXX";
+    const int file = mkostemp(path.data(), 0);
+    EXPECT_EQ(write(file, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    close(file);
+    RecordedSession session = load_session(path);
+    unlink(path.c_str());
+    return session;
+}
+
+TEST(RecordedSession, StartTellsHowToRunItAgain) {
+    const RecordedSession session = session_of(kStart);
+    EXPECT_EQ(session.error, "");
+    EXPECT_EQ(session.target, 29);
+    EXPECT_TRUE(session.pcie);
+    EXPECT_FALSE(session.platform);
+    EXPECT_EQ(session.platform_after, 1.5);
+    EXPECT_EQ(session.scenario, "on AT\n");
+    EXPECT_EQ(session.platform_scenario, "otherwise\n");
+}
+
+TEST(RecordedSession, StepsKnowWhatWasAnsweredBefore) {
+    const RecordedSession session = session_of(with_start(
+        {R"({"t":200,"at":"at","dir":"typed","n":3,"data":"AT\r"})",
+         R"({"t":300,"at":"at","dir":"out","n":2,"data":"O\u00ff"})",
+         R"({"t":310,"at":"cp-at","dir":"out","n":3,"data":"AT\r"})",
+         R"({"t":400,"at":"bench","what":"unplug","port":"modem"})",
+         R"({"t":350,"at":"at","dir":"out","n":1,"data":"K"})"}));  // another writer's, late
+    ASSERT_EQ(session.error, "");
+    ASSERT_EQ(session.steps.size(), 2u);
+    EXPECT_EQ(session.steps[0].kind, Kind::typed);
+    EXPECT_EQ(session.steps[0].text, "AT\r");
+    EXPECT_EQ(session.steps[0].time, 100);
+    EXPECT_TRUE(session.steps[0].answered.empty());
+    EXPECT_EQ(session.steps[1].kind, Kind::unplug);
+    EXPECT_EQ(session.steps[1].place, "modem");
+    EXPECT_EQ(session.steps[1].answered.at("at"), 3u);
+    ASSERT_EQ(session.streams.size(), 1u);  // a modem channel is no way of answers
+    const bench::RecordedStream& stream = session.streams.at("at");
+    EXPECT_EQ(stream.bytes, "O\xffK");
+    EXPECT_EQ(stream.line_of(0), 3u);
+    EXPECT_EQ(stream.line_of(1), 3u);
+    EXPECT_EQ(stream.line_of(2), 6u);
+}
+
+TEST(RecordedSession, AnswersToUdpClientsThatTheBenchDidNotPlayAreNotExpected) {
+    const RecordedSession session = session_of(
+        with_start({R"({"t":200,"at":"udp","peer":"127.0.0.1:1","dir":"typed","n":1,"data":"A"})",
+                    R"({"t":210,"at":"udp","peer":"127.0.0.1:1","dir":"out","n":1,"data":"B"})",
+                    R"({"t":220,"at":"udp","peer":"127.0.0.1:2","dir":"out","n":1,"data":"C"})"}));
+    ASSERT_EQ(session.streams.size(), 1u);
+    EXPECT_EQ(session.streams.at("udp 127.0.0.1:1").bytes, "B");
+}
+
+struct BrokenRow {
+    const char* text;
+    const char* error;  // the end of it; empty: none
+};
+
+class BrokenSession : public testing::TestWithParam<BrokenRow> {};
+
+TEST_P(BrokenSession, IsToldOrPassedOver) {
+    const std::string error = session_of(GetParam().text).error;
+    const std::string wanted = GetParam().error;
+    if (wanted.empty()) {
+        EXPECT_EQ(error, "");
+    } else {
+        EXPECT_TRUE(error.ends_with(wanted)) << error;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, BrokenSession,
+    testing::Values(
+        BrokenRow{"", "empty"},                                      // nothing was recorded
+        BrokenRow{"AT+CFUN?\n", "line 1: no start of a recording"},  // some other file
+        BrokenRow{"[1]\n", "line 1: no start of a recording"},       // JSON, but no object
+        BrokenRow{"{\"t\":1,\"at\":\"bench\",\"what\":\"end\"}\n",   // its head was cut off
+                  "line 1: no start of a recording"},
+        BrokenRow{"{\"t\":1,\"at\":\"bench\",\"what\":\"start\",\"version\":2}\n",
+                  "line 1: version 2; this knows 1"},  // of a later tool
+        BrokenRow{"{\"t\":1,\"at\":\"bench\",\"what\":\"start\",\"version\":1}\n{\"t\":2,\"at",
+                  ""},  // the bench was killed
+        BrokenRow{"{\"t\":1,\"at\":\"bench\",\"what\":\"start\",\"version\":1}\n{\"t\":\"x\"}\n5\n",
+                  ""},  // lines that are none
+        BrokenRow{"{\"t\":1,\"at\":\"bench\",\"what\":\"start\",\"version\":1}\n"
+                  "{\"t\":2,\"at\":\"at\",\"dir\":\"typed\",\"data\":\"\\u0100\"}\n",
+                  "line 2: data that are no bytes"}));  // not written by us
+
+}  // namespace
