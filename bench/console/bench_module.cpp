@@ -345,6 +345,10 @@ void BenchModule::take_exits() {
         if (exit->pid != daemon_.pid) {
             continue;
         }
+        daemon_.pid = -1;
+        if (is_ending_) {
+            continue;
+        }
         take_log();
         const int status =
             WIFEXITED(exit->status) ? WEXITSTATUS(exit->status) : 128 + WTERMSIG(exit->status);

@@ -138,6 +138,7 @@ class BenchModule {
     std::array<Passed, kHostPortCount> port_traffic_;
     std::array<Passed, 3> channel_traffic_;
     Child daemon_;
+    bool is_ending_ = false;  // the bench ends the daemon itself
     std::optional<Child> platform_;
     std::function<void()> ready_;
     std::function<void(int)> daemon_ended_;

@@ -45,6 +45,14 @@ std::string upper(std::string text) {
     return text;
 }
 
+// Outside the loop: what is waited for is near.
+void wait_until(std::chrono::milliseconds at_most, const std::function<bool()>& is_true) {
+    const auto deadline = std::chrono::steady_clock::now() + at_most;
+    while (!is_true() && std::chrono::steady_clock::now() < deadline) {
+        uv_sleep(1);
+    }
+}
+
 std::string traffic_line(std::string_view place, const Passed& passed) {
     std::ostringstream line;
     line << "  " << place << ": " << passed.to_daemon << " bytes in " << passed.chunks_to_daemon
@@ -127,11 +135,10 @@ bool BenchModule::stop_platform() {
         return fail(space_.error());
     }
     // Until it is gone a command may still be written to it.
-    const auto deadline = std::chrono::steady_clock::now() + kEndDeadline;
-    while (platform_ && std::chrono::steady_clock::now() < deadline) {
+    wait_until(kEndDeadline, [this] {
         take_exits();
-        uv_sleep(1);
-    }
+        return !platform_;
+    });
     return !platform_ || fail("the platform does not end");
 }
 
@@ -198,12 +205,18 @@ bool BenchModule::use_scenario_text(const std::string& name, const std::string& 
 }
 
 void BenchModule::end_record(int status) {
-    // A call that is blocked for longer has sent nothing yet.
-    const auto deadline = std::chrono::steady_clock::now() + kRecordDeadline;
-    while (record_.is_open() && !space_.is_all_recorded() &&
-           std::chrono::steady_clock::now() < deadline) {
-        uv_sleep(1);
+    if (!record_.is_open()) {
+        return;
     }
+    // A call that is blocked for longer has sent nothing yet.
+    wait_until(kRecordDeadline, [this] { return space_.is_all_recorded(); });
+    // Nothing that the bench takes away at its end is to be told as if it had happened.
+    is_ending_ = true;
+    space_.signal(daemon_.pid, SIGKILL);
+    wait_until(kEndDeadline, [this] {
+        take_exits();
+        return daemon_.pid < 0;
+    });
     while (take_log()) {
     }
     record_.end(status);
