@@ -19,22 +19,25 @@ constexpr std::string_view kNoPlatform = "app-plat is not running";
 
 constexpr auto kStatusPeriod = std::chrono::milliseconds(200);
 
+// Fits a terminal of 80 columns and 24 rows.
 constexpr const char* kHelp =
-    "a line is an AT command; after a message prompt, the message; after CONNECT, data (+++ ends)\n"
+    "a line is an AT command; after a message prompt, the message; after CONNECT,\n"
+    "data (+++ ends). PORT is modem, at, uart or, with --pcie, pcie\n"
     "  /ports                   where each port can be reached, and its mode\n"
-    "  /unplug PORT, /plug PORT take a host port away, give it back: modem, at, uart, pcie\n"
-    "  /platform stop|start     the app platform goes, comes\n"
+    "  /unplug PORT             take a host port away; /plug PORT gives it back\n"
+    "  /platform stop           the app platform goes; /platform start: it comes\n"
     "  /signal NAME [on|off] [PLACE]\n"
-    "                           change a modem-control line (dtr rts cts dsr cd ri) of a host\n"
-    "                           port or of cp-modem, cp-at, cp-uart; without on or off the\n"
-    "                           other way round, without a place of the modem port\n"
-    "  /mhi connect [32|33]     the host opens the PCIe channels (with --pcie); also disconnect,\n"
-    "                           configure\n"
+    "                           a modem-control line (dtr rts cts dsr cd ri) of a\n"
+    "                           PORT or cp-modem, cp-at, cp-uart; of the modem port\n"
+    "                           without a PLACE, turned over without on or off\n"
+    "  /mhi connect [32|33]     the host opens the PCIe channels (with --pcie);\n"
+    "                           also disconnect, configure\n"
     "  /scenario FILE           the modem answers by this file from now on\n"
     "  /stats                   what passed so far, and what the daemon takes\n"
     "  /esc                     give a message up\n"
-    "  /raw TEXT                send bytes as they stand: \\r \\n \\t \\e \\xHH\n"
-    "  mux send 4 ATD*99#\\r     bytes on a channel (with --port mux); mux expect 4 CONNECT\n"
+    "  /raw TEXT                bytes as they stand: \\r \\n \\t \\e \\xHH\n"
+    "  mux send 4 ATD*99#\\r     bytes on a channel (with --port mux)\n"
+    "  mux expect 4 CONNECT     wait for them\n"
     "  /log                     the end of what the daemon wrote\n"
     "  /quit, Ctrl-D            end; everything started ends too";
 

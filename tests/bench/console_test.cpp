@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <string>
 
 #include "module_space.h"
@@ -167,6 +168,17 @@ INSTANTIATE_TEST_SUITE_P(
         OwnCommand{"/scenario /nonexistent\\n", "/nonexistent: cannot be read", 1},
         OwnCommand{"/scenario /etc/passwd\\n", "line 1", 1},
         OwnCommand{"/nonsense\\n", "no such command: /nonsense", 1}));
+
+TEST(Console, HelpFitsASmallTerminal) {
+    const Outcome outcome = run("/help\\n");
+    std::istringstream lines(outcome.output);
+    int count = 0;
+    for (std::string line; std::getline(lines, line); ++count) {
+        EXPECT_LT(line.size(), 80u) << line;
+    }
+    EXPECT_GT(count, 10);
+    EXPECT_LT(count, 23);  // of 24 rows, one shows the prompt and one the modes
+}
 
 TEST(Console, AnotherScenarioFromNowOn) {
     const ScenarioFile other("on AT+CFUN?\n  answer +CFUN: 4\n  answer OK\n");
