@@ -55,3 +55,13 @@ configure() {
     (cd "$ROOT" && run_preset "$preset" \
         cmake --preset "$preset" "-DBUILD_TESTING=$tests" "${launcher[@]}") >&2
 }
+
+# Where this machine's own packages come from, or VEXA_DEBIAN_MIRROR.
+debian_mirror() {
+    local found=${VEXA_DEBIAN_MIRROR:-}
+    # shellcheck disable=SC2016
+    [ -n "$found" ] || found=$(apt-get indextargets --format '$(REPO_URI)' 'Created-By: Packages' \
+        'Codename: bookworm' | head -n 1)
+    [ -n "$found" ] || die "apt knows no archive of Debian 12; name one with VEXA_DEBIAN_MIRROR=URL"
+    echo "$found"
+}
