@@ -5,9 +5,16 @@ set(bench_folder ${CMAKE_INSTALL_LIBEXECDIR}/vexa-at-bench)
 set(bench_data ${CMAKE_INSTALL_DATAROOTDIR}/vexa-at-bench)
 set(bench_rules COMPONENT bench EXCLUDE_FROM_ALL)
 
-install(TARGETS vexa-bench vexa-module-keeper vexa-platform vexa-qmi-client
+set(bench_commands vexa-bench vexa-platform vexa-qmi-client)
+if(TARGET vexa-replay)
+    list(APPEND bench_commands vexa-replay)
+endif()
+install(TARGETS ${bench_commands} vexa-module-keeper
         RUNTIME DESTINATION ${bench_folder} ${bench_rules})
-set_target_properties(vexa-bench vexa-qmi-client PROPERTIES INSTALL_RPATH "$ORIGIN/standins")
+# The app platform calls no platform library.
+set(bench_users ${bench_commands})
+list(REMOVE_ITEM bench_users vexa-platform)
+set_target_properties(${bench_users} PROPERTIES INSTALL_RPATH "$ORIGIN/standins")
 install(TARGETS vexa_shim LIBRARY DESTINATION ${bench_folder}/lib ${bench_rules})
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/bench/scenarios DESTINATION ${bench_data} ${bench_rules})
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/trace/vexa_trace DESTINATION ${bench_data} ${bench_rules}
@@ -21,7 +28,7 @@ function(vexa_install_link target folder name)
     install(FILES ${made} DESTINATION ${folder} ${bench_rules})
 endfunction()
 
-foreach(command vexa-bench vexa-platform vexa-qmi-client)
+foreach(command IN LISTS bench_commands)
     vexa_install_link(../${bench_folder}/${command} ${CMAKE_INSTALL_BINDIR} ${command})
 endforeach()
 vexa_install_link(../../${CMAKE_INSTALL_SBINDIR}/vexa_at_client ${bench_folder} vexa_at_client)
@@ -29,12 +36,7 @@ vexa_install_link(../../${CMAKE_INSTALL_SBINDIR}/vexa-qmi-host ${bench_folder} v
 vexa_install_link(../../${VEXA_STANDIN_FOLDER} ${bench_folder} standins)
 vexa_install_link(../../${bench_data}/scenarios ${bench_folder} scenarios)
 
-set(bench_pages vexa-bench.1 vexa-platform.1 vexa-qmi-client.1 vexa-module-keeper.8)
-foreach(command trace replay)
-    if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/bin/vexa-${command}
-       AND (NOT command STREQUAL "trace" OR EXISTS ${PROJECT_SOURCE_DIR}/trace/vexa_trace/cli.py))
-        install(PROGRAMS bin/vexa-${command} DESTINATION ${CMAKE_INSTALL_BINDIR} ${bench_rules})
-        list(APPEND bench_pages vexa-${command}.1)
-    endif()
-endforeach()
-vexa_install_documents(bench vexa-at-bench EXCLUDE_FROM_ALL MAN ${bench_pages})
+install(PROGRAMS bin/vexa-trace DESTINATION ${CMAKE_INSTALL_BINDIR} ${bench_rules})
+list(TRANSFORM bench_commands APPEND .1 OUTPUT_VARIABLE bench_pages)
+vexa_install_documents(bench vexa-at-bench EXCLUDE_FROM_ALL
+                       MAN ${bench_pages} vexa-trace.1 vexa-module-keeper.8)
