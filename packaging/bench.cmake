@@ -6,9 +6,6 @@ set(bench_data ${CMAKE_INSTALL_DATAROOTDIR}/vexa-at-bench)
 set(bench_rules COMPONENT bench EXCLUDE_FROM_ALL)
 
 set(bench_commands vexa-bench vexa-platform vexa-qmi-client)
-if(TARGET vexa-replay)
-    list(APPEND bench_commands vexa-replay)
-endif()
 install(TARGETS ${bench_commands} vexa-module-keeper
         RUNTIME DESTINATION ${bench_folder} ${bench_rules})
 # The app platform calls no platform library.
@@ -36,7 +33,11 @@ vexa_install_link(../../${CMAKE_INSTALL_SBINDIR}/vexa-qmi-host ${bench_folder} v
 vexa_install_link(../../${VEXA_STANDIN_FOLDER} ${bench_folder} standins)
 vexa_install_link(../../${bench_data}/scenarios ${bench_folder} scenarios)
 
-install(PROGRAMS bin/vexa-trace DESTINATION ${CMAKE_INSTALL_BINDIR} ${bench_rules})
+# The pages, which the programs' help and manual pages name. Not on a module.
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs
+        DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/vexa-at-bench ${bench_rules}
+        PATTERN man EXCLUDE)
+install(PROGRAMS bin/vexa-trace bin/vexa-replay DESTINATION ${CMAKE_INSTALL_BINDIR} ${bench_rules})
 list(TRANSFORM bench_commands APPEND .1 OUTPUT_VARIABLE bench_pages)
 vexa_install_documents(bench vexa-at-bench EXCLUDE_FROM_ALL
-                       MAN ${bench_pages} vexa-trace.1 vexa-module-keeper.8)
+                       MAN ${bench_pages} vexa-trace.1 vexa-replay.1 vexa-module-keeper.8)

@@ -1,11 +1,20 @@
 #include "options.h"
 
 #include <CLI/CLI.hpp>
+#include <filesystem>
 
 #include "command_line.h"
 #include "module_space.h"
 
 namespace bench {
+namespace {
+
+// What a user typed: the stand-ins lie beside the program where it is installed.
+const char* program_name() {
+    return std::filesystem::exists(program_folder() + "/standins") ? "vexa-bench" : "script/run";
+}
+
+}  // namespace
 
 std::optional<BenchOptions> parse_options(int argc, char** argv, int& status) {
     BenchOptions options;
@@ -18,7 +27,7 @@ std::optional<BenchOptions> parse_options(int argc, char** argv, int& status) {
         "On a terminal: line editing, /help, Ctrl-D ends. Else: one command a line; the\n"
         "exit status is 0 when every command got a final result. With --replay it is 0 when\n"
         "every answer is the recorded one.",
-        "script/run");
+        program_name());
     app.add_option("--port", options.port, "The console's port")
         ->check(CLI::IsMember({"modem", "at", "uart", "mux", "udp", "qmi", "pcie"}))
         ->capture_default_str();
