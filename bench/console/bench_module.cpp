@@ -382,7 +382,7 @@ void BenchModule::look_if_ready() {
         return;
     }
     if (options_.pcie) {
-        change_mhi("connect", 0);
+        send_mhi("connect", 0);  // part of the start, not of what was done to the module
     }
     ready_();
 }

@@ -111,6 +111,7 @@ class BenchModule {
     bool lay_channels();
     bool lay_pcie();
     bool start_daemon();
+    bool send_mhi(const std::string& change, int channel);
     bool fail(const std::string& what);
     void take_port_output(int port);
     void take_channel_message(int channel);

@@ -61,6 +61,17 @@ std::string traffic_line(std::string_view place, const Passed& passed) {
     return line.str();
 }
 
+// How a uevent tells a change of a channel; empty: there is no such change.
+std::string_view mhi_state(std::string_view change) {
+    if (change == "connect") {
+        return "CONNECTED";
+    }
+    if (change == "disconnect") {
+        return "DISCONNECTED";
+    }
+    return change == "configure" ? "CONFIGURED" : "";
+}
+
 // A line of /proc/PID/status, as "VmRSS".
 std::string process_value(int pid, const std::string& name) {
     std::ifstream file("/proc/" + std::to_string(pid) + "/status");
@@ -258,24 +269,23 @@ std::vector<std::string> BenchModule::stats() const {
 }
 
 bool BenchModule::change_mhi(const std::string& change, int channel) {
-    std::string state = "CONFIGURED";
-    if (change == "connect") {
-        state = "CONNECTED";
-    } else if (change == "disconnect") {
-        state = "DISCONNECTED";
-    } else if (change != "configure") {
-        error_ = "no such change: " + change;
-        return false;
+    if (mhi_state(change).empty()) {
+        return fail("no such change: '" + change + "'; connect, disconnect or configure");
     }
+    record_.done("mhi", {{"change", change}, {"channel", std::int64_t{channel}}});
+    return send_mhi(change, channel);
+}
+
+bool BenchModule::send_mhi(const std::string& change, int channel) {
     std::string event =
         "change@/devices/virtual/mhi/mhi_ctrl\nACTION=change\n"
         "DEVPATH=/devices/virtual/mhi/mhi_ctrl\nSUBSYSTEM=mhi\n";
     for (const int number : {32, 33}) {
         if (channel == 0 || channel == number) {
-            event += "MHI_CHANNEL_STATE_" + std::to_string(number) + "=" + state + "\n";
+            event += "MHI_CHANNEL_STATE_" + std::to_string(number) + "=";
+            event.append(mhi_state(change)).append("\n");
         }
     }
-    record_.done("mhi", {{"change", change}, {"channel", std::int64_t{channel}}});
     return space_.send_uevent(event) || fail(space_.error());
 }
 

@@ -22,7 +22,7 @@ TEST(PcieConsole, CommandsAreAnsweredOnThePipe) {
 TEST(PcieConsole, AnUnknownChangeOfTheChannelsIsAFailure) {
     const Outcome outcome = run_console("/mhi shut", "--port pcie");
     EXPECT_EQ(outcome.status, 1);
-    EXPECT_NE(outcome.output.find("no such change: shut"), std::string::npos) << outcome.output;
+    EXPECT_NE(outcome.output.find("no such change: 'shut'"), std::string::npos) << outcome.output;
 }
 
 }  // namespace

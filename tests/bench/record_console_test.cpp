@@ -161,6 +161,12 @@ TEST_F(Recorded, ModesLinesUeventsAndWhatWasDone) {
     EXPECT_TRUE(has("bench", "platform-start"));
 }
 
+TEST_F(Recorded, StartOfTheLinkIsNoStepOfTheReplay) {
+    record("AT", "--port pcie");
+    EXPECT_FALSE(has("bench", "mhi"));
+    EXPECT_NE(bytes("uevent", "in").find("MHI_CHANNEL_STATE_32=CONNECTED"), std::string::npos);
+}
+
 TEST_F(Recorded, StaysWholeWhenTheBenchIsKilled) {
     const std::string program = bench::program_folder() + "/vexa-bench";
     const pid_t child = fork();
