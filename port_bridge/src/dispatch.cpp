@@ -8,6 +8,7 @@
 
 #include "answer_count.h"
 #include "command_match.h"
+#include "command_turn.h"
 #include "device_io.h"
 #include "host_port_writers.h"
 #include "line_settings.h"
@@ -43,8 +44,7 @@ struct Command {
 // One command at a time on a port, from its write to the end of its wait: the AT port's USB, PCIe
 // and UDP sources would else be woken by each other's answers. Taken by nobody who waits for
 // another lock of this kind.
-constinit pthread_mutex_t g_command_turns[kPortCount] = {
-    PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER};
+constinit CommandTurn g_command_turns[kPortCount];
 
 int64_t monotonic_ns() {
     timespec now{};
@@ -207,7 +207,7 @@ int send_atcmd_to_plat_or_cp(int socketfd, const char* buf, int at_buf_len, int*
     // While the multiplexer runs nobody waits, so there is no turn to wait for.
     if (command.port == nullptr || is_mux_active())
         return send_line(command);
-    const MutexGuard turn(&g_command_turns[command.port->index]);
+    const CommandTurnGuard turn(g_command_turns[command.port->index]);
     return send_line(command);
 }
 

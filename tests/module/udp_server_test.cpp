@@ -267,7 +267,13 @@ TEST(UdpServer, APortThatIsTakenAtStartIsTriedAgain) {
     EXPECT_THAT(module.log(),
                 HasSubstr("init_udp_at_server_socket bind error.: Address already in use"));
     taken.reset();
-    // The other ports are served meanwhile.
+    // The other ports are served meanwhile, once both ends are open.
+    module.wait_until(
+        [&] {
+            return module.device("/dev/at_usb0").is_served() &&
+                   module.device("/dev/at_mdm0").is_served();
+        },
+        "the modem port and its channel");
     module.modem_port().write("AT+CFUN?\r");
     module.modem_channel().expect("AT+CFUN?\r");
     module.wait_for_log("g_loc_udp_at_server_socket .");
@@ -286,10 +292,14 @@ int lowest_free_now(int pid) {
     return lowest;
 }
 
-// A listing may show a number that is taken for a moment only (see above).
+// A listing may show a number that is taken for a moment only (see above), and on a busy machine a
+// thread may be stopped in that moment: so many listings, apart from each other.
 int lowest_free_descriptor(int pid) {
     int lowest = lowest_free_now(pid);
-    for (int i = 0; i < 20; ++i) lowest = std::min(lowest, lowest_free_now(pid));
+    for (int i = 0; i < 300; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        lowest = std::min(lowest, lowest_free_now(pid));
+    }
     return lowest;
 }
 
