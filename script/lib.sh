@@ -15,8 +15,8 @@ jobs_wanted() { echo "${VEXA_JOBS:-$(nproc)}"; }
 
 known_preset() {
     case "$1" in
-        host | asan | tsan | armv7 | armv7-static) ;;
-        *) die "unknown preset '$1'; one of: host asan tsan armv7 armv7-static" ;;
+        host | asan | tsan | fuzz | armv7 | armv7-static) ;;
+        *) die "unknown preset '$1'; one of: host asan tsan fuzz armv7 armv7-static" ;;
     esac
 }
 
