@@ -75,6 +75,13 @@ class Lines(unittest.TestCase):
                          said(5, "uart", "out", b"\xef\x05OK"))
         self.assertNotIn("part of a frame", lines(made)[4])
 
+    def test_a_frame_reaches_over_another_ports_change_of_mode(self) -> None:
+        made = recording(happened(1, "uart", "mode", mode="mux"),
+                         said(2, "uart", "out", bytes.fromhex("f909ef05")),
+                         happened(3, "modem", "mode", mode="ppp"),
+                         said(4, "uart", "out", b"OK" + bytes.fromhex("d6f9")))
+        self.assertIn("[DLCI 2 UIH] OK", lines(made)[3])
+
     def test_frames_are_opened_while_the_mode_is_mux(self) -> None:
         frame = bytes.fromhex("f909ef05") + b"OK" + bytes.fromhex("d6f9")
         made = recording(said(1, "uart", "out", frame), happened(2, "uart", "mode", mode="mux"),
@@ -148,6 +155,15 @@ class Program(unittest.TestCase):
             with self.subTest(options):
                 wanted = [str(self.path), *options] if options else []
                 self.assertEqual(self.run_trace(*wanted).returncode, 2)
+
+    def test_what_is_read_is_not_overwritten(self) -> None:
+        before = self.path.read_bytes()
+        for option in ("--html", "--pcap"):
+            with self.subTest(option):
+                done = self.run_trace(str(self.path), option, f"{self.path.parent}/./session.jsonl")
+                self.assertEqual(done.returncode, 2)
+                self.assertIn("would overwrite", done.stderr)
+                self.assertEqual(self.path.read_bytes(), before)
 
     def test_a_reader_that_goes_is_no_fault(self) -> None:
         self.write([START, *(SESSION * 5000), END])

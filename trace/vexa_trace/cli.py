@@ -128,9 +128,22 @@ def run(options: argparse.Namespace) -> int:
     return 0
 
 
+def _parse(arguments: Sequence[str] | None) -> argparse.Namespace:
+    parser = make_parser()
+    options = parser.parse_args(arguments)
+    for out in (options.html, options.pcap):
+        if out and os.path.isfile(out) and _is_same(out, options.file):
+            parser.error(f"{out} would overwrite what is read")
+    return options
+
+
+def _is_same(one: str, other: str) -> bool:
+    return os.path.exists(other) and os.path.samefile(one, other)
+
+
 def main(arguments: Sequence[str] | None = None) -> int:
     """The exit status: 0 shown, 1 could not, 2 wrong usage."""
-    options = make_parser().parse_args(arguments)
+    options = _parse(arguments)
     if isinstance(sys.stdout, io.TextIOWrapper):
         sys.stdout.reconfigure(errors="backslashreplace")
     try:

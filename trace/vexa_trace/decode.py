@@ -61,7 +61,8 @@ class Decoder:
         """What an event with bytes says; empty while it is but a part of a frame."""
         if event.what == "mode" and event.at in HOST_PORTS:
             self.modes[event.at] = event.text("mode")
-            self._readers.clear()
+            if event.at == "uart":
+                self._readers.clear()
         if not event.data:
             return []
         if event.at == "platform" and "unknown" not in event.fields:
