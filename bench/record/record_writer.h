@@ -1,5 +1,6 @@
-// Writes the lines of a recording (docs/recording.md). Any thread. Allocates nothing, so that the
-// shim can use it from any call of the daemon's.
+// Writes the lines of a recording (docs/recording.md), each with one write to the end of the file,
+// which two processes share. Any thread. Allocates nothing but where it is said, so that the shim
+// can use it from any call of the daemon's.
 #pragma once
 
 #include <array>
@@ -7,6 +8,7 @@
 #include <initializer_list>
 #include <mutex>
 #include <span>
+#include <string>
 #include <string_view>
 
 namespace bench {
@@ -67,8 +69,8 @@ class RecordWriter {
     // Bytes that passed; more than kLongestPiece become several lines.
     void passed(std::int64_t time, std::string_view place, std::string_view direction,
                 std::string_view bytes, const RecordFields& more = {});
-    // A line made elsewhere, without its end.
-    void line(std::string_view text);
+    // A line made elsewhere, without its end and of any length. Not for the shim: it allocates.
+    void line(std::string text);
 
     static constexpr std::size_t kLongestPiece = 32768;
 

@@ -103,10 +103,13 @@ TEST_F(RecordLines, LinesOfManyThreadsAndOfTwoWritersStayWhole) {
     std::thread one(write_many, std::ref(writer_), "at");
     std::thread two(write_many, std::ref(writer_), "uart");
     std::thread three(write_many, std::ref(other), "modem");
+    for (int line = 0; line < kLines; ++line) {
+        other.line("{\"made\":\"elsewhere\"}");
+    }
     one.join();
     two.join();
     three.join();
-    EXPECT_EQ(lines().size(), 3u * kLines);  // a torn line would not parse
+    EXPECT_EQ(lines().size(), 4u * kLines);  // a torn line would not parse
 }
 
 TEST(RecordWriterFile, FolderThatIsNotThereIsAFailure) {
