@@ -20,7 +20,6 @@ constexpr std::size_t kLogTail = 16384;
 constexpr std::size_t kLargestMessage = 65536;
 constexpr auto kLookIfReady = 5ms;
 
-constexpr std::array<const char*, 3> kChannelPaths{"/dev/at_mdm0", "/dev/smd7", "/dev/smd8"};
 constexpr const char* kMhiState = "/sys/devices/virtual/mhi/mhi_ctrl/uevent";
 
 std::string system_error(const std::string& what) {
@@ -120,7 +119,8 @@ bool BenchModule::lay_port(int port) {
 
 bool BenchModule::lay_channels() {
     for (std::size_t index = 0; index < channels_.size(); ++index) {
-        channels_[index].listener = space_.listen(kChannelPaths[index], SOCK_SEQPACKET);
+        const std::string path(kDevicePaths[kHostDevices + index]);
+        channels_[index].listener = space_.listen(path, SOCK_SEQPACKET);
         if (!channels_[index].listener.is_open()) {
             return fail(space_.error());
         }

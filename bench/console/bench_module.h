@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "device_names.h"
 #include "loop.h"
 #include "modem_peer.h"
 #include "module_space.h"
@@ -30,18 +31,19 @@ struct Passed {
 };
 
 enum HostPortIndex : int { kModemHostPort, kAtHostPort, kUartHostPort, kPciePipe };
-inline constexpr int kHostPortCount = 4;
+inline constexpr int kHostPortCount = kHostDevices;
 
 struct PortName {
     const char* place;  // as the console and recordings call it
     const char* name;
     const char* path;
 };
+consteval PortName port_name(const char* place, const char* name) {
+    return {place, name, kDevicePaths[device_at(place)].data()};
+}
 inline constexpr std::array<PortName, kHostPortCount> kPorts{
-    {{"modem", "modem port", "/dev/at_usb0"},
-     {"at", "AT port", "/dev/at_usb1"},
-     {"uart", "UART port", "/dev/ttyMSM1"},
-     {"pcie", "PCIe pipe", "/dev/mhi_pipe_32"}}};
+    {port_name("modem", "modem port"), port_name("at", "AT port"), port_name("uart", "UART port"),
+     port_name("pcie", "PCIe pipe")}};
 
 class BenchModule {
   public:
@@ -129,7 +131,7 @@ class BenchModule {
     std::array<Pty, kHostPortCount> ports_;
     std::array<std::unique_ptr<Relay>, kHostPortCount> relays_;
     std::array<std::function<void(std::string_view)>, kHostPortCount> heard_;
-    std::array<Channel, 3> channels_;
+    std::array<Channel, kChannels> channels_;
     std::unique_ptr<ModemPeer> peer_;
     int modem_timer_ = 0;
     SessionRecord record_;
@@ -137,7 +139,7 @@ class BenchModule {
     UniqueFd log_file_;
     std::string log_tail_;
     std::array<Passed, kHostPortCount> port_traffic_;
-    std::array<Passed, 3> channel_traffic_;
+    std::array<Passed, kChannels> channel_traffic_;
     Child daemon_;
     bool is_ending_ = false;  // the bench ends the daemon itself
     std::optional<Child> platform_;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
+#include <cstdlib>
 #include <iterator>
 #include <sstream>
 
@@ -300,10 +301,11 @@ void Console::keep_status() {
 }
 
 void Console::mhi_command(const std::string& arguments) {
-    std::istringstream words(arguments);
-    std::string change;
-    int channel = 0;
-    words >> change >> channel;
+    const auto words = words_of(arguments);
+    const std::string change = words.empty() ? "" : words[0];
+    constexpr int kNone = -1;
+    const int number = words.size() < 2 ? 0 : atoi(words[1].c_str());
+    const int channel = words.size() < 2 || number != 0 ? number : kNone;
     report("/mhi", module_.change_mhi(change, channel));
 }
 

@@ -9,35 +9,13 @@
 #include <sstream>
 
 #include "bench_module.h"
+#include "device_names.h"
 
 namespace bench {
 namespace {
 
 constexpr auto kRecordDeadline = std::chrono::seconds(1);
 constexpr auto kEndDeadline = std::chrono::seconds(10);
-
-struct LineBit {
-    std::string_view name;
-    std::uint32_t bit;
-};
-constexpr std::array<LineBit, 6> kLines{{{"DTR", TIOCM_DTR},
-                                         {"RTS", TIOCM_RTS},
-                                         {"CTS", TIOCM_CTS},
-                                         {"DSR", TIOCM_DSR},
-                                         {"CD", TIOCM_CD},
-                                         {"RI", TIOCM_RI}}};
-
-// In the order of kDevicePaths.
-constexpr std::array<std::string_view, kDevicePaths.size()> kPlaces{
-    "modem", "at", "pcie", "uart", "cp-modem", "cp-at", "cp-uart"};
-
-// As DeviceState::port_mode counts them: from 1, 0 when not known.
-constexpr std::array<const char*, 7> kModes{"?", "command", "hex", "sms", "ppp", "data", "mux"};
-
-std::size_t device_of(std::string_view place) {
-    return static_cast<std::size_t>(std::find(kPlaces.begin(), kPlaces.end(), place) -
-                                    kPlaces.begin());
-}
 
 std::string upper(std::string text) {
     std::transform(text.begin(), text.end(), text.begin(),
@@ -163,16 +141,16 @@ bool BenchModule::start_platform() {
 }
 
 bool BenchModule::set_lines(const std::string& place, const std::string& names) {
-    const std::size_t index = device_of(place);
+    const std::size_t index = device_at(place);
     if (index == kPlaces.size()) {
         return fail("no such place: '" + place + "'");
     }
     std::uint32_t bits = 0;
     std::istringstream words(upper(names));
     for (std::string word; words >> word;) {
-        const auto* line = std::find_if(kLines.begin(), kLines.end(),
-                                        [&](const LineBit& one) { return one.name == word; });
-        if (line == kLines.end()) {
+        const auto* line = std::find_if(kLineNames.begin(), kLineNames.end(),
+                                        [&](const LineName& one) { return one.name == word; });
+        if (line == kLineNames.end()) {
             return fail("no such line: '" + word + "'; one of DTR RTS CTS DSR CD RI");
         }
         bits |= line->bit;
@@ -185,14 +163,9 @@ bool BenchModule::set_lines(const std::string& place, const std::string& names) 
 }
 
 std::string BenchModule::lines_of(const std::string& place) {
-    const std::size_t index = device_of(place);
-    std::string names;
-    for (const LineBit& line : kLines) {
-        if (index < kPlaces.size() && (space_.device(index).modem_bits & line.bit) != 0) {
-            names += (names.empty() ? "" : " ") + std::string(line.name);
-        }
-    }
-    return names;
+    const std::size_t index = device_at(place);
+    return index == kPlaces.size() ? ""
+                                   : std::string(LinesOn(space_.device(index).modem_bits).text());
 }
 
 bool BenchModule::use_scenario(const std::string& path) {
@@ -223,7 +196,9 @@ void BenchModule::end_record(int status) {
     wait_until(kRecordDeadline, [this] { return space_.is_all_recorded(); });
     // Nothing that the bench takes away at its end is to be told as if it had happened.
     is_ending_ = true;
-    space_.signal(daemon_.pid, SIGKILL);
+    if (daemon_.pid > 0) {
+        space_.signal(daemon_.pid, SIGKILL);
+    }
     wait_until(kEndDeadline, [this] {
         take_exits();
         return daemon_.pid < 0;
@@ -243,8 +218,10 @@ std::string BenchModule::status_line() {
         if (!ports_[index].master.is_open()) {
             line += " unplugged";
         } else if (index != kPciePipe) {
-            const std::uint32_t mode = space_.device(device_of(kPorts[index].place)).port_mode;
-            line += std::string(" ") + kModes[mode < kModes.size() ? mode : 0];
+            // Counted from 1.
+            const std::uint32_t mode = space_.device(device_at(kPorts[index].place)).port_mode;
+            line += std::string(" ") +
+                    (mode == 0 || mode > kModeNames.size() ? "?" : kModeNames[mode - 1]);
         }
     }
     return line + (platform_ ? " | platform runs" : " | no platform");
@@ -257,9 +234,8 @@ std::vector<std::string> BenchModule::stats() const {
             lines.push_back(traffic_line(kPorts[index].place, port_traffic_[index]));
         }
     }
-    constexpr std::array<const char*, 3> kChannels{"cp-modem", "cp-at", "cp-uart"};
-    for (std::size_t index = 0; index < kChannels.size(); ++index) {
-        lines.push_back(traffic_line(kChannels[index], channel_traffic_[index]));
+    for (std::size_t index = 0; index < kChannels; ++index) {
+        lines.push_back(traffic_line(kPlaces[kHostDevices + index], channel_traffic_[index]));
     }
     const int pid = daemon_.outer_pid;
     lines.push_back("  daemon: " + process_value(pid, "Threads") + " threads, " +
@@ -271,6 +247,9 @@ std::vector<std::string> BenchModule::stats() const {
 bool BenchModule::change_mhi(const std::string& change, int channel) {
     if (mhi_state(change).empty()) {
         return fail("no such change: '" + change + "'; connect, disconnect or configure");
+    }
+    if (channel != 0 && channel != 32 && channel != 33) {
+        return fail("no such channel; 32, 33, or none for both");
     }
     record_.done("mhi", {{"change", change}, {"channel", std::int64_t{channel}}});
     return send_mhi(change, channel);

@@ -17,9 +17,15 @@ constexpr std::int64_t kSurplusTime = 300'000;  // microseconds
 constexpr std::size_t kShown = 60;              // bytes of a difference
 
 std::string written(const std::string& folder, const char* name, const std::string& text) {
-    const std::string path = folder + "/" + name;
+    std::string path = folder + "/" + name;
     std::ofstream(path) << text;
     return path;
+}
+
+int port_of(std::string_view place) {
+    const auto* port = std::find_if(kPorts.begin(), kPorts.end(),
+                                    [&](const PortName& one) { return place == one.place; });
+    return static_cast<int>(port - kPorts.begin());
 }
 
 }  // namespace
@@ -142,22 +148,13 @@ std::map<StreamName, std::size_t> Replay::all_answers() const {
 
 // What was typed in two pieces must not be read as one.
 bool Replay::is_read(const RecordedStep& step) const {
-    if (step.kind != Kind::typed) {
-        return true;
-    }
-    const auto* port = std::find_if(kPorts.begin(), kPorts.end(),
-                                    [&](const PortName& one) { return step.place == one.place; });
-    return module_.is_port_read(static_cast<int>(port - kPorts.begin()));
+    return step.kind != Kind::typed || module_.is_port_read(port_of(step.place));
 }
 
 bool Replay::carry_out(const RecordedStep& step) {
     switch (step.kind) {
         case Kind::typed:
-            for (int port = 0; port < kHostPortCount; ++port) {
-                if (step.place == kPorts[static_cast<std::size_t>(port)].place) {
-                    module_.write_port(port, step.text);
-                }
-            }
+            module_.write_port(port_of(step.place), step.text);
             return true;
         case Kind::datagram:
             return send_on_road("udp " + step.place, "udp", step.text);

@@ -1,7 +1,6 @@
 #include "shim_record.h"
 
 #include <arpa/inet.h>
-#include <sys/ioctl.h>
 
 #include <algorithm>
 #include <array>
@@ -11,26 +10,11 @@
 #include <cstring>
 #include <string_view>
 
-#include "device_state.h"
+#include "device_names.h"
 #include "record_writer.h"
 
 namespace bench {
 namespace {
-
-// In the order of kDevicePaths.
-constexpr std::array<std::string_view, kDevicePaths.size()> kPlaces{
-    "modem", "at", "pcie", "uart", "cp-modem", "cp-at", "cp-uart"};
-
-struct LineName {
-    std::uint32_t bit;
-    std::string_view name;
-};
-constexpr std::array<LineName, 6> kLineNames{{{TIOCM_DTR, "DTR"},
-                                              {TIOCM_RTS, "RTS"},
-                                              {TIOCM_CTS, "CTS"},
-                                              {TIOCM_DSR, "DSR"},
-                                              {TIOCM_CD, "CD"},
-                                              {TIOCM_RI, "RI"}}};
 
 struct Speed {
     speed_t code;
@@ -45,9 +29,6 @@ constexpr std::array<Speed, 9> kSpeeds{{{B9600, 9600},
                                         {B460800, 460800},
                                         {B921600, 921600},
                                         {B3000000, 3000000}}};
-
-// In the order of the daemon's modes.
-constexpr std::array<std::string_view, 6> kModes{"command", "hex", "sms", "ppp", "data", "mux"};
 
 // Never destroyed: other threads may still call while the process ends.
 RecordWriter& writer() {
@@ -165,19 +146,9 @@ void record_write(std::size_t device, std::int64_t time, const void* bytes, std:
 
 void record_lines(std::size_t device, bool is_set, std::uint32_t bits) {
     const KeptErrno kept;
-    std::array<char, 32> names;
-    std::size_t used = 0;
-    for (const LineName& line : kLineNames) {
-        if ((bits & line.bit) == 0) {
-            continue;
-        }
-        if (used != 0) {
-            names[used++] = ' ';
-        }
-        used += line.name.copy(&names[used], line.name.size());
-    }
+    const LinesOn on(bits);
     writer().event(record_time(), kPlaces[device], is_set ? "lines-set" : "lines-read",
-                   {{"lines", std::string_view(names.data(), used)}});
+                   {{"lines", on.text()}});
 }
 
 void record_intent(std::size_t device, std::uint32_t size, int result) {
@@ -257,9 +228,9 @@ void record_uevent(const void* bytes, std::int64_t result) {
 
 void record_mode(std::size_t device, int mode) {
     const KeptErrno kept;
-    const bool is_known = mode >= 0 && mode < static_cast<int>(kModes.size());
+    const bool is_known = mode >= 0 && mode < static_cast<int>(kModeNames.size());
     writer().event(record_time(), kPlaces[device], "mode",
-                   {{"mode", is_known ? kModes[static_cast<std::size_t>(mode)] : "unknown"}});
+                   {{"mode", is_known ? kModeNames[static_cast<std::size_t>(mode)] : "unknown"}});
 }
 
 }  // namespace bench

@@ -19,6 +19,15 @@ TEST(PcieConsole, CommandsAreAnsweredOnThePipe) {
     }
 }
 
+TEST(PcieConsole, AnUnknownChannelIsAFailure) {
+    for (const char* channel : {"34", "0", "both"}) {
+        const Outcome outcome = run_console(std::string("/mhi connect ") + channel, "--port pcie");
+        EXPECT_EQ(outcome.status, 1) << channel;
+        EXPECT_NE(outcome.output.find("no such channel; 32, 33"), std::string::npos)
+            << outcome.output;
+    }
+}
+
 TEST(PcieConsole, AnUnknownChangeOfTheChannelsIsAFailure) {
     const Outcome outcome = run_console("/mhi shut", "--port pcie");
     EXPECT_EQ(outcome.status, 1);
