@@ -21,7 +21,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 
+#include "device_names.h"
 #include "device_state.h"
 #include "shim_record.h"
 
@@ -333,7 +335,10 @@ struct PortModeSource {
     std::atomic<int> published{-1};
 };
 constinit std::array<PortModeSource, 3> g_modes{
-    {{"g_usb_modem_port_mode", 0}, {"g_usb_at_port_mode", 1}, {"g_usb_uart_port_mode", 3}}};
+    {{"g_usb_modem_port_mode", bench::device_at("modem")},
+     {"g_usb_at_port_mode", bench::device_at("at")},
+     {"g_usb_uart_port_mode", bench::device_at("uart")}}};
+std::mutex g_modes_mutex;  // one thread publishes at a time; taken before the recording's own
 
 void find_modes() {
     for (PortModeSource& source : g_modes) {
@@ -341,22 +346,32 @@ void find_modes() {
     }
 }
 
+bool is_published(const PortModeSource& source) {
+    return source.mode == nullptr ||
+           source.published.load() == __atomic_load_n(source.mode, __ATOMIC_RELAXED);
+}
+
+// The mode is read again under the lock: another thread may have published a later one meanwhile.
+void publish_mode(PortModeSource& source) {
+    const std::lock_guard lock(g_modes_mutex);
+    const int mode = __atomic_load_n(source.mode, __ATOMIC_RELAXED);
+    const int before = source.published.exchange(mode);
+    if (before == mode) {
+        return;
+    }
+    if (g_state != nullptr) {
+        g_state->devices[source.device].port_mode = static_cast<std::uint32_t>(mode) + 1;
+    }
+    if (before >= 0) {
+        bench::record_mode(source.device, mode);
+    }
+}
+
 // Looked at where the daemon calls: a mode moves only between two calls.
 void publish_modes() {
     for (PortModeSource& source : g_modes) {
-        if (source.mode == nullptr) {
-            continue;
-        }
-        const int mode = __atomic_load_n(source.mode, __ATOMIC_RELAXED);
-        const int before = source.published.exchange(mode);
-        if (before == mode) {
-            continue;
-        }
-        if (g_state != nullptr) {
-            g_state->devices[source.device].port_mode = static_cast<std::uint32_t>(mode) + 1;
-        }
-        if (before >= 0) {
-            bench::record_mode(source.device, mode);
+        if (!is_published(source)) {
+            publish_mode(source);
         }
     }
 }
@@ -391,6 +406,11 @@ bool is_platform(const sockaddr* address) {
     }
     const char* path = reinterpret_cast<const sockaddr_un*>(address)->sun_path;
     return strncmp(path, "/dev/socket/", strlen("/dev/socket/")) == 0;
+}
+
+// Never more than the area took, whatever MSG_TRUNC tells.
+ssize_t area_part(ssize_t got, std::size_t size) {
+    return std::min(got, static_cast<ssize_t>(size));
 }
 
 bool is_netlink(int fd) {
@@ -633,8 +653,7 @@ ssize_t recv(int fd, void* bytes, std::size_t size, int flags) {
     if (!bench::is_recording() || (flags & MSG_PEEK) != 0) {
         return got;
     }
-    // Never more than the area took, whatever MSG_TRUNC tells.
-    const ssize_t kept = std::min(got, static_cast<ssize_t>(size));
+    const ssize_t kept = area_part(got, size);
     if (const int connection = connection_of(fd)) {
         bench::record_platform_received(connection, bytes, kept);
     } else if (is_netlink(fd)) {
@@ -651,7 +670,7 @@ ssize_t sendto(int fd, const void* bytes, std::size_t size, int flags, const soc
                socklen_t to_size) {
     const RecordedSend call;
     const ssize_t sent = NEXT(sendto)(fd, bytes, size, flags, to, to_size);
-    if (bench::is_recording() && to != nullptr && to->sa_family == AF_INET) {
+    if (bench::is_recording() && to_size >= sizeof(sockaddr_in) && to->sa_family == AF_INET) {
         sockaddr_in peer;
         memcpy(&peer, to, sizeof peer);
         bench::record_datagram_sent(call.begun(), peer, bytes, size, sent);
@@ -662,10 +681,13 @@ ssize_t sendto(int fd, const void* bytes, std::size_t size, int flags, const soc
 ssize_t recvfrom(int fd, void* bytes, std::size_t size, int flags, sockaddr* from,
                  socklen_t* from_size) {
     const ssize_t got = NEXT(recvfrom)(fd, bytes, size, flags, from, from_size);
-    if (bench::is_recording() && got >= 0 && from != nullptr && from->sa_family == AF_INET) {
+    if (!bench::is_recording() || (flags & MSG_PEEK) != 0) {
+        return got;
+    }
+    if (got >= 0 && from != nullptr && from->sa_family == AF_INET) {
         sockaddr_in peer;
         memcpy(&peer, from, sizeof peer);
-        bench::record_datagram_received(peer, bytes, got);
+        bench::record_datagram_received(peer, bytes, area_part(got, size));
     }
     return got;
 }
