@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <filesystem>
+#include <system_error>
 
 #include "command_line.h"
 #include "module_space.h"
@@ -58,6 +59,10 @@ std::optional<BenchOptions> parse_options(int argc, char** argv, int& status) {
         ->capture_default_str();
     try {
         app.parse(argc, argv);
+        std::error_code none;
+        if (std::filesystem::equivalent(options.record, options.replay, none)) {
+            throw CLI::ValidationError("--record", "would overwrite the recording that is played");
+        }
     } catch (const CLI::ParseError& error) {
         status = report_parse_error(app, error);
         return std::nullopt;

@@ -9,6 +9,7 @@
 #include <functional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "bench_module.h"
 #include "console.h"
@@ -112,8 +113,20 @@ class TemporaryFolder {
     bool is_there_ = false;
 };
 
+void tell_passed_over(const std::string& path, const std::vector<std::size_t>& lines) {
+    if (lines.empty()) {
+        return;
+    }
+    fprintf(stderr, "vexa-bench: %s: line %zu is broken or cut off", path.c_str(), lines.front());
+    if (lines.size() > 1) {
+        fprintf(stderr, ", and %zu more", lines.size() - 1);
+    }
+    fprintf(stderr, "; passed over\n");
+}
+
 int run_replay(const bench::BenchOptions& given) {
     const bench::RecordedSession recorded = bench::load_session(given.replay);
+    tell_passed_over(given.replay, recorded.passed_over);
     const TemporaryFolder folder;
     if (!recorded.error.empty() || !folder.is_there()) {
         fprintf(stderr, "vexa-bench: %s\n",

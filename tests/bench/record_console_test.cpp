@@ -55,6 +55,12 @@ class Recorded : public testing::Test {
     static Outcome replay(const std::string& path, const std::string& options = "") {
         return run_console("", "--replay " + path + " --fast " + options);
     }
+    // The path of a file with this scenario.
+    std::string scenario(const char* text) const {
+        const std::string path = folder_ + "/scenario.txt";
+        std::ofstream(path) << text;
+        return path;
+    }
     // All bytes of a place in one direction, in order of time.
     std::string bytes(const std::string& place, const std::string& direction) {
         std::vector<Json> sorted = lines_;
@@ -104,6 +110,7 @@ TEST_F(Recorded, CausesStandBeforeEffectsInTheOrderOfTime) {
                 return line["t"].get<long>();
             }
         }
+        ADD_FAILURE() << "nothing " << direction << " at " << place;
         return 0L;
     };
     EXPECT_LE(time_of("at", "typed"), time_of("at", "in"));
@@ -253,22 +260,38 @@ TEST_F(Recorded, FirstDifferenceIsToldWithItsLine) {
 
 TEST_F(Recorded, AnswerThatDoesNotComeIsADifference) {
     record("AT+CFUN?", "--port at");
-    std::ofstream silent(folder_ + "/silent.txt");
-    silent << "otherwise\n    silent\n";
-    silent.close();
-    const Outcome outcome = replay(path_, "--time-out 0.5 --scenario " + folder_ + "/silent.txt");
+    const std::string silent = scenario("otherwise\n    silent\n");
+    const Outcome outcome = replay(path_, "--time-out 0.5 --scenario " + silent);
     EXPECT_EQ(outcome.status, 1);
     EXPECT_NE(outcome.output.find("now:      nothing"), std::string::npos) << outcome.output;
 }
 
 TEST_F(Recorded, AnswerBeyondTheRecordedOnesIsADifference) {
     record("AT+CFUN?", "--port at");
-    std::ofstream more(folder_ + "/more.txt");
-    more << "otherwise\n    send \\r\\n+CFUN: 1\\r\\n\\r\\nOK\\r\\nMORE\n";
-    more.close();
-    const Outcome outcome = replay(path_, "--scenario " + folder_ + "/more.txt");
+    const std::string more =
+        scenario("otherwise\n    send \\r\\n+CFUN: 1\\r\\n\\r\\nOK\\r\\nMORE\n");
+    const Outcome outcome = replay(path_, "--scenario " + more);
     EXPECT_EQ(outcome.status, 1);
     EXPECT_NE(outcome.output.find("recorded: nothing more"), std::string::npos) << outcome.output;
+}
+
+TEST_F(Recorded, ReplayDoesNotOverwriteWhatItPlays) {
+    record("AT+CFUN?", "--port at");
+    const Outcome outcome = replay(path_, "--record " + folder_ + "/./session.jsonl");
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_NE(outcome.output.find("would overwrite"), std::string::npos) << outcome.output;
+    EXPECT_EQ(lines_of(path_), lines_);
+}
+
+TEST_F(Recorded, BrokenLineIsToldAndPassedOver) {
+    record("AT+CFUN?", "--port at");
+    std::ofstream(path_, std::ios::app) << "{\"t\":1,\"at\":\"at\",\"dir";
+    const Outcome outcome = replay(path_);
+    EXPECT_EQ(outcome.status, 0) << outcome.output;
+    EXPECT_NE(outcome.output.find("line " + std::to_string(lines_.size() + 1) +
+                                  " is broken or cut off; passed over"),
+              std::string::npos)
+        << outcome.output;
 }
 
 TEST_F(Recorded, NoRecordingIsNoReplay) {

@@ -6,7 +6,9 @@
 #include <unistd.h>
 
 #include <initializer_list>
+#include <map>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -74,6 +76,63 @@ TEST(RecordedSession, StepsKnowWhatWasAnsweredBefore) {
     EXPECT_EQ(stream.line_of(2), 6u);
 }
 
+TEST(RecordedSession, StepTellsOnlyTheWaysThatSaidMoreSinceTheStepBefore) {
+    const RecordedSession session =
+        session_of(with_start({R"({"t":200,"at":"at","dir":"out","n":2,"data":"OK"})",
+                               R"({"t":300,"at":"modem","dir":"typed","n":1,"data":"A"})",
+                               R"({"t":400,"at":"modem","dir":"out","n":1,"data":"B"})",
+                               R"({"t":500,"at":"modem","dir":"typed","n":1,"data":"C"})",
+                               R"({"t":600,"at":"modem","dir":"typed","n":1,"data":"D"})"}));
+    using Answered = std::map<bench::StreamName, std::size_t>;
+    ASSERT_EQ(session.steps.size(), 3u);
+    EXPECT_EQ(session.steps[0].answered, (Answered{{"at", 2}}));
+    EXPECT_EQ(session.steps[1].answered, (Answered{{"modem", 1}}));
+    EXPECT_EQ(session.steps[2].answered, Answered{});
+}
+
+TEST(RecordedSession, LinesThatAreNoneArePassedOverAndKnown) {
+    const char* const good = R"({"t":200,"at":"at","dir":"typed","n":1,"data":"A"})";
+    const std::vector<std::string> broken{
+        "",                                                               // empty
+        "5",                                                              // no object
+        R"({"at":"at","dir":"typed","data":"x"})",                        // no time
+        R"({"t":"x","at":"at","dir":"typed","data":"x"})",                // a time of another type
+        R"({"t":1.5,"at":"at","dir":"typed","data":"x"})",                // a time with a fraction
+        R"({"t":-1,"at":"at","dir":"typed","data":"x"})",                 // before all time
+        R"({"t":18446744073709551615,"at":"at","data":"x"})",             // more than a time can be
+        R"({"t":300,"at":"at","dir":"typed","data":")"                    // cut off
+            + std::string(100'000, 'x'),                                  // in a huge line
+        "{\"t\":300,\"at\":\"at\",\"dir\":\"typed\",\"data\":\"\xff\"}",  // no UTF-8
+        R"({"t":1,"at":)" + std::string(50'000, '[')};                    // nested without end
+    for (const std::string& line : broken) {
+        const RecordedSession session = session_of(with_start({line.c_str(), good}));
+        EXPECT_EQ(session.error, "") << line.substr(0, 60);
+        EXPECT_EQ(session.passed_over, std::vector<std::size_t>{2}) << line.substr(0, 60);
+        ASSERT_EQ(session.steps.size(), 1u) << line.substr(0, 60);
+        EXPECT_EQ(session.steps[0].text, "A");
+    }
+}
+
+TEST(RecordedSession, FieldsOfAnotherTypeAreTakenAsAbsent) {
+    const RecordedSession session =
+        session_of(R"({"t":100,"at":"bench","what":"start","version":1,"target":"x","pcie":7,)"
+                   R"("platform":[],"platform_after":"y","scenario":"z","platform_scenario":null})"
+                   "\n"
+                   R"({"t":200,"at":"bench","what":"mhi","change":5,"channel":"x"})"
+                   "\n"
+                   R"({"t":300,"at":["at"],"dir":{},"what":1,"data":{}})"
+                   "\n");
+    EXPECT_EQ(session.error, "");
+    EXPECT_EQ(session.target, 35);
+    EXPECT_FALSE(session.pcie);
+    EXPECT_TRUE(session.platform);
+    EXPECT_EQ(session.platform_after, 0);
+    EXPECT_EQ(session.scenario, "");
+    ASSERT_EQ(session.steps.size(), 1u);
+    EXPECT_EQ(session.steps[0].text, "");
+    EXPECT_EQ(session.steps[0].channel, 0);
+}
+
 TEST(RecordedSession, AnswersToUdpClientsThatTheBenchDidNotPlayAreNotExpected) {
     const RecordedSession session = session_of(
         with_start({R"({"t":200,"at":"udp","peer":"127.0.0.1:1","dir":"typed","n":1,"data":"A"})",
@@ -112,8 +171,6 @@ INSTANTIATE_TEST_SUITE_P(
                   "line 1: version 2; this knows 1"},  // of a later tool
         BrokenRow{"{\"t\":1,\"at\":\"bench\",\"what\":\"start\",\"version\":1}\n{\"t\":2,\"at",
                   ""},  // the bench was killed
-        BrokenRow{"{\"t\":1,\"at\":\"bench\",\"what\":\"start\",\"version\":1}\n{\"t\":\"x\"}\n5\n",
-                  ""},  // lines that are none
         BrokenRow{"{\"t\":1,\"at\":\"bench\",\"what\":\"start\",\"version\":1}\n"
                   "{\"t\":2,\"at\":\"at\",\"dir\":\"typed\",\"data\":\"\\u0100\"}\n",
                   "line 2: data that are no bytes"}));  // not written by us

@@ -9,6 +9,9 @@
 #include <optional>
 #include <set>
 #include <string_view>
+#include <utility>
+
+#include "device_names.h"
 
 namespace bench {
 namespace {
@@ -16,7 +19,7 @@ namespace {
 using Json = nlohmann::json;
 using Kind = RecordedStep::Kind;
 
-constexpr std::array<std::string_view, 4> kHostPorts{"modem", "at", "uart", "pcie"};
+constexpr std::int64_t kNoTime = -1;
 
 struct Line {
     std::int64_t time = 0;
@@ -70,18 +73,14 @@ std::optional<std::string> decode_bytes(const std::string& text) {
     return bytes;
 }
 
-bool is_host_port(const std::string& place) {
-    return std::find(kHostPorts.begin(), kHostPorts.end(), place) != kHostPorts.end();
-}
-
 // Nothing when the line is none: the last one of a recording that was cut off, or a broken one.
 std::optional<Line> parse_line(const std::string& text, std::size_t number) {
     Json fields = Json::parse(text, nullptr, false);
-    if (!fields.is_object() || !fields.contains("t") || !fields["t"].is_number_integer()) {
+    if (!fields.is_object()) {
         return std::nullopt;
     }
-    const auto time = fields["t"].get<std::int64_t>();
-    return Line{time, number, std::move(fields)};
+    const std::int64_t time = number_field(fields, "t", kNoTime);
+    return time < 0 ? std::nullopt : std::optional(Line{time, number, std::move(fields)});
 }
 
 StreamName stream_of(const Json& fields) {
@@ -178,22 +177,21 @@ class SessionBuilder {
         session_.steps.push_back(std::move(step));
     }
 
-    RecordedStep begin_step(const Line& line, Kind kind) const {
+    RecordedStep begin_step(const Line& line, Kind kind) {
         RecordedStep step;
         step.kind = kind;
         step.time = line.time;
         step.line = line.number;
-        step.answered = answered_;
+        step.answered = std::exchange(answered_, {});
         return step;
     }
 
     RecordedSession& session_;
-    std::map<StreamName, std::size_t> answered_;
+    std::map<StreamName, std::size_t> answered_;  // since the last step
     std::set<StreamName> clients_;
 };
 
 void take_start(const Json& fields, RecordedSession& session) {
-    session.daemon = text_field(fields, "daemon");
     session.target = static_cast<int>(number_field(fields, "target", session.target));
     session.pcie = flag_field(fields, "pcie", false);
     session.platform = flag_field(fields, "platform", true);
@@ -212,12 +210,14 @@ std::string check_start(const std::optional<Line>& first) {
     return version == 1 ? "" : "line 1: version " + std::to_string(version) + "; this knows 1";
 }
 
-std::vector<Line> read_lines(std::istream& file) {
+std::vector<Line> read_lines(std::istream& file, std::vector<std::size_t>& passed_over) {
     std::vector<Line> lines;
     std::string text;
     for (std::size_t number = 2; std::getline(file, text); ++number) {
         if (auto line = parse_line(text, number)) {
             lines.push_back(std::move(*line));
+        } else {
+            passed_over.push_back(number);
         }
     }
     std::stable_sort(lines.begin(), lines.end(),
@@ -247,9 +247,8 @@ RecordedSession load_session(const std::string& path) {
     if (session.error.empty()) {
         take_start(first->fields, session);
         SessionBuilder builder(session);
-        for (Line& line : read_lines(file)) {
+        for (Line& line : read_lines(file, session.passed_over)) {
             line.time -= first->time;
-            session.end = line.time;
             builder.take(line);
         }
     }

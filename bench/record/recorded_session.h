@@ -33,7 +33,7 @@ struct RecordedStep {
     std::string text;       // bytes, line names, change, scenario
     std::string name;       // of a scenario
     int channel = 0;        // of mhi
-    // Bytes that had been answered on each way before.
+    // Bytes that had been answered before, on each way that said more since the step before.
     std::map<StreamName, std::size_t> answered;
 };
 
@@ -50,7 +50,6 @@ struct RecordedStream {
 };
 
 struct RecordedSession {
-    std::string daemon;
     int target = 35;
     bool pcie = false;
     bool platform = true;
@@ -59,8 +58,8 @@ struct RecordedSession {
     std::string platform_scenario;
     std::vector<RecordedStep> steps;
     std::map<StreamName, RecordedStream> streams;
-    std::int64_t end = 0;  // microseconds since the first line
-    std::string error;     // empty when all is well, else what is wrong and where
+    std::vector<std::size_t> passed_over;  // lines of the file that are none
+    std::string error;                     // empty when all is well, else what is wrong and where
 };
 
 RecordedSession load_session(const std::string& path);
