@@ -1,9 +1,7 @@
 // Loaded before the daemon, this gives the simulated module what a pty cannot: a modem-control
 // word, POLLPRI, the receive intent, packet channels, and faults on demand. It knows nothing of the
 // daemon and passes on whatever does not concern one of the module's devices.
-#include <dlfcn.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
@@ -21,51 +19,34 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 
-#include "device_names.h"
 #include "device_state.h"
+#include "port_modes.h"
+#include "shim_parts.h"
 #include "shim_record.h"
+#include "shim_sockets.h"
 
 #ifndef __clang__
 // libc declares poll's array as written only; it is read here as the kernel reads it.
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #endif
 
+bench::ModuleState* bench::g_state = nullptr;
+
 namespace {
 
 using bench::DeviceState;
+using bench::g_state;
 using bench::kDevicePaths;
+using bench::kMaxDescriptors;
 using bench::Word;
 
 constexpr unsigned long kQueueReceiveIntent = 0x4004C300;
-constexpr int kMaxDescriptors = 4096;
 constexpr std::size_t kMaxPolled = 32;
 constexpr int kNoDevice = 0;
 
-// The next definition of a libc function; looked up once, also before any constructor has run.
-template <typename Function>
-Function* next(std::atomic<void*>& cache, const char* name) {
-    void* found = cache.load(std::memory_order_acquire);
-    if (found == nullptr) {
-        found = dlsym(RTLD_NEXT, name);
-        cache.store(found, std::memory_order_release);
-    }
-    return reinterpret_cast<Function*>(found);
-}
-
-#define NEXT(name)                                   \
-    ([]() {                                          \
-        static std::atomic<void*> cache{nullptr};    \
-        return next<decltype(::name)>(cache, #name); \
-    }())
-
 // 1 + index of the device a descriptor belongs to, 0 for every other descriptor.
 std::array<std::atomic<int>, kMaxDescriptors> g_device_of;
-// Number of the connection to the app platform, from 1; 0 for every other descriptor.
-std::array<std::atomic<int>, kMaxDescriptors> g_connection_of;
-std::atomic<int> g_connections{0};
-bench::ModuleState* g_state = nullptr;
 std::array<int, kDevicePaths.size()> g_wake;
 
 DeviceState* device_of(int fd) {
@@ -84,11 +65,6 @@ void remember(int fd, int tag) {
     if (fd >= 0 && fd < kMaxDescriptors) {
         g_device_of[static_cast<std::size_t>(fd)].store(tag);
     }
-}
-
-int connection_of(int fd) {
-    return fd < 0 || fd >= kMaxDescriptors ? 0
-                                           : g_connection_of[static_cast<std::size_t>(fd)].load();
 }
 
 void copy_tag(int from, int to) {
@@ -304,78 +280,6 @@ int poll_devices(pollfd* fds, nfds_t count, Wait wait) {
     }
 }
 
-// A call that sends, from its begin to its line in the recording.
-class RecordedSend {
-  public:
-    RecordedSend() : begun_(bench::record_time()) {
-        if (is_counted()) {
-            ++g_state->sends_begun;
-        }
-    }
-    ~RecordedSend() {
-        if (is_counted()) {
-            ++g_state->sends_recorded;
-        }
-    }
-    RecordedSend(const RecordedSend&) = delete;
-    RecordedSend& operator=(const RecordedSend&) = delete;
-    std::int64_t begun() const { return begun_; }
-
-  private:
-    static bool is_counted() { return bench::is_recording() && g_state != nullptr; }
-
-    std::int64_t begun_;
-};
-
-// The daemon's own mode variables, by its dynamic symbols; null when it has none.
-struct PortModeSource {
-    const char* symbol;
-    std::size_t device;
-    const int* mode = nullptr;
-    std::atomic<int> published{-1};
-};
-constinit std::array<PortModeSource, 3> g_modes{
-    {{"g_usb_modem_port_mode", bench::device_at("modem")},
-     {"g_usb_at_port_mode", bench::device_at("at")},
-     {"g_usb_uart_port_mode", bench::device_at("uart")}}};
-std::mutex g_modes_mutex;  // one thread publishes at a time; taken before the recording's own
-
-void find_modes() {
-    for (PortModeSource& source : g_modes) {
-        source.mode = static_cast<const int*>(dlsym(RTLD_DEFAULT, source.symbol));
-    }
-}
-
-bool is_published(const PortModeSource& source) {
-    return source.mode == nullptr ||
-           source.published.load() == __atomic_load_n(source.mode, __ATOMIC_RELAXED);
-}
-
-// The mode is read again under the lock: another thread may have published a later one meanwhile.
-void publish_mode(PortModeSource& source) {
-    const std::lock_guard lock(g_modes_mutex);
-    const int mode = __atomic_load_n(source.mode, __ATOMIC_RELAXED);
-    const int before = source.published.exchange(mode);
-    if (before == mode) {
-        return;
-    }
-    if (g_state != nullptr) {
-        g_state->devices[source.device].port_mode = static_cast<std::uint32_t>(mode) + 1;
-    }
-    if (before >= 0) {
-        bench::record_mode(source.device, mode);
-    }
-}
-
-// Looked at where the daemon calls: a mode moves only between two calls.
-void publish_modes() {
-    for (PortModeSource& source : g_modes) {
-        if (!is_published(source)) {
-            publish_mode(source);
-        }
-    }
-}
-
 ssize_t write_device(DeviceState& device, int fd, const void* buffer, std::size_t size) {
     ++device.write_calls;
     if (take_fault(device.write_refusals)) {
@@ -390,40 +294,11 @@ ssize_t write_device(DeviceState& device, int fd, const void* buffer, std::size_
     return NEXT(write)(fd, buffer, taken);
 }
 
-void record_hang_ups(const pollfd* fds, nfds_t count) {
-    for (nfds_t at = 0; at < count; ++at) {
-        const int connection = connection_of(fds[at].fd);
-        if (connection != 0 && (fds[at].revents & POLLHUP) != 0) {
-            bench::record_platform_event(connection, bench::record_time(), "hangup", 0);
-        }
-    }
-}
-
-// The one UNIX socket that the daemon connects to, beside the packet channels that open() does.
-bool is_platform(const sockaddr* address) {
-    if (address == nullptr || address->sa_family != AF_UNIX) {
-        return false;
-    }
-    const char* path = reinterpret_cast<const sockaddr_un*>(address)->sun_path;
-    return strncmp(path, "/dev/socket/", strlen("/dev/socket/")) == 0;
-}
-
-// Never more than the area took, whatever MSG_TRUNC tells.
-ssize_t area_part(ssize_t got, std::size_t size) {
-    return std::min(got, static_cast<ssize_t>(size));
-}
-
-bool is_netlink(int fd) {
-    int domain = 0;
-    socklen_t size = sizeof domain;
-    return getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &size) == 0 && domain == AF_NETLINK;
-}
-
 __attribute__((constructor)) void enter() {
     unsetenv("LD_PRELOAD");  // shells and other children are none of the module's business
     bench::begin_recording();
     setvbuf(stdout, nullptr, _IOLBF, 0);
-    find_modes();
+    bench::find_modes();
     for (std::size_t index = 0; index < g_wake.size(); ++index) {
         std::array<char, 64> path;
         snprintf(path.data(), path.size(), "%s%zu", bench::kWakePrefix, index);
@@ -482,10 +357,7 @@ int close(int fd) {
         ++device->closes;
         bench::record_close(index_of(device));
     }
-    if (const int connection = connection_of(fd)) {
-        g_connection_of[static_cast<std::size_t>(fd)] = 0;
-        bench::record_platform_event(connection, bench::record_time(), "close", 0);
-    }
+    bench::close_connection(fd);
     return NEXT(close)(fd);
 }
 
@@ -545,11 +417,11 @@ int fcntl64(int fd, int command, ...) {
 }
 
 int poll(pollfd* fds, nfds_t count, int timeout) {
-    publish_modes();
+    bench::publish_modes();
     if (g_state == nullptr || count > kMaxPolled || !has_device(fds, count)) {
         const int spoke = NEXT(poll)(fds, count, timeout);
         if (spoke > 0 && bench::is_recording()) {
-            record_hang_ups(fds, count);
+            bench::record_hang_ups(fds, count);
         }
         return spoke;
     }
@@ -597,8 +469,8 @@ ssize_t write(int fd, const void* buffer, std::size_t size) {
     if (device == nullptr) {
         return NEXT(write)(fd, buffer, size);
     }
-    publish_modes();
-    const RecordedSend call;
+    bench::publish_modes();
+    const bench::RecordedSend call;
     const ssize_t sent = write_device(*device, fd, buffer, size);
     bench::record_write(index_of(device), call.begun(), buffer, size, sent);
     return sent;
@@ -623,78 +495,6 @@ int tcsetattr(int fd, int when, const termios* settings) noexcept {
         bench::record_settings(index_of(device), cfgetospeed(settings));
     }
     return result;
-}
-
-int connect(int fd, const sockaddr* address, socklen_t size) {
-    if (!is_platform(address) || fd >= kMaxDescriptors) {
-        return NEXT(connect)(fd, address, size);
-    }
-    const std::int64_t begun = bench::record_time();
-    const int result = NEXT(connect)(fd, address, size);
-    const int number = ++g_connections;
-    if (result == 0) {
-        g_connection_of[static_cast<std::size_t>(fd)] = number;
-    }
-    bench::record_platform_event(number, begun, "connect", result);
-    return result;
-}
-
-ssize_t send(int fd, const void* bytes, std::size_t size, int flags) {
-    const RecordedSend call;
-    const ssize_t sent = NEXT(send)(fd, bytes, size, flags);
-    if (const int connection = connection_of(fd)) {
-        bench::record_platform_sent(connection, call.begun(), bytes, size, sent);
-    }
-    return sent;
-}
-
-ssize_t recv(int fd, void* bytes, std::size_t size, int flags) {
-    const ssize_t got = NEXT(recv)(fd, bytes, size, flags);
-    if (!bench::is_recording() || (flags & MSG_PEEK) != 0) {
-        return got;
-    }
-    const ssize_t kept = area_part(got, size);
-    if (const int connection = connection_of(fd)) {
-        bench::record_platform_received(connection, bytes, kept);
-    } else if (is_netlink(fd)) {
-        bench::record_uevent(bytes, kept);
-    }
-    return got;
-}
-
-ssize_t __recv_chk(int fd, void* bytes, std::size_t size, std::size_t /*area*/, int flags) {
-    return recv(fd, bytes, size, flags);
-}
-
-ssize_t sendto(int fd, const void* bytes, std::size_t size, int flags, const sockaddr* to,
-               socklen_t to_size) {
-    const RecordedSend call;
-    const ssize_t sent = NEXT(sendto)(fd, bytes, size, flags, to, to_size);
-    if (bench::is_recording() && to_size >= sizeof(sockaddr_in) && to->sa_family == AF_INET) {
-        sockaddr_in peer;
-        memcpy(&peer, to, sizeof peer);
-        bench::record_datagram_sent(call.begun(), peer, bytes, size, sent);
-    }
-    return sent;
-}
-
-ssize_t recvfrom(int fd, void* bytes, std::size_t size, int flags, sockaddr* from,
-                 socklen_t* from_size) {
-    const ssize_t got = NEXT(recvfrom)(fd, bytes, size, flags, from, from_size);
-    if (!bench::is_recording() || (flags & MSG_PEEK) != 0) {
-        return got;
-    }
-    if (got >= 0 && from != nullptr && from->sa_family == AF_INET) {
-        sockaddr_in peer;
-        memcpy(&peer, from, sizeof peer);
-        bench::record_datagram_received(peer, bytes, area_part(got, size));
-    }
-    return got;
-}
-
-ssize_t __recvfrom_chk(int fd, void* bytes, std::size_t size, std::size_t /*area*/, int flags,
-                       sockaddr* from, socklen_t* from_size) {
-    return recvfrom(fd, bytes, size, flags, from, from_size);
 }
 
 }  // extern "C"
