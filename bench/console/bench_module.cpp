@@ -211,8 +211,8 @@ std::vector<std::string> BenchModule::summary() const {
             platform += " (late)";
         }
     }
-    std::vector<std::string> lines{"vexa_at_client on a simulated module: modem " +
-                                   file_name(options_.scenario) + ", " + platform};
+    std::vector<std::string> lines{"vexa_at_client on a simulated module",
+                                   "  modem " + file_name(options_.scenario) + ", " + platform};
     for (std::size_t index = 0; index < kPorts.size(); ++index) {
         if (relays_[index] != nullptr) {
             lines.push_back("  " + std::string(kPorts[index].name) + " " + kPorts[index].path +

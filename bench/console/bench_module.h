@@ -92,8 +92,8 @@ class BenchModule {
     bool use_scenario_text(const std::string& name, const std::string& text);
 
     SessionRecord& record() { return record_; }
-    // The recording's last line, behind what the daemon has sent.
-    void end_record(int status);
+    // The recording's last line, behind what the daemon has sent. Why it is not whole, or nothing.
+    std::string end_record(int status);
     // One line: the mode of each host port and whether the platform is there.
     std::string status_line();
     // What passed so far and what the daemon takes, a line each.

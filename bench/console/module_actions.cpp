@@ -4,6 +4,7 @@
 #include <sys/ioctl.h>
 
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -188,9 +189,9 @@ bool BenchModule::use_scenario_text(const std::string& name, const std::string& 
     return true;
 }
 
-void BenchModule::end_record(int status) {
+std::string BenchModule::end_record(int status) {
     if (!record_.is_open()) {
-        return;
+        return "";
     }
     // A call that is blocked for longer has sent nothing yet.
     wait_until(kRecordDeadline, [this] { return space_.is_all_recorded(); });
@@ -206,6 +207,7 @@ void BenchModule::end_record(int status) {
     while (take_log()) {
     }
     record_.end(status);
+    return record_.error() == 0 ? "" : options_.record + ": " + strerror(record_.error());
 }
 
 std::string BenchModule::status_line() {
@@ -245,6 +247,9 @@ std::vector<std::string> BenchModule::stats() const {
 }
 
 bool BenchModule::change_mhi(const std::string& change, int channel) {
+    if (!options_.pcie) {
+        return fail("the module is not attached over PCIe; start with --pcie");
+    }
     if (mhi_state(change).empty()) {
         return fail("no such change: '" + change + "'; connect, disconnect or configure");
     }

@@ -10,9 +10,34 @@
 namespace bench {
 namespace {
 
+constexpr double kMostSeconds = 1e6;
+constexpr double kLeastTimeOut = 1e-3;  // seconds
+
 // What a user typed: the stand-ins lie beside the program where it is installed.
 const char* program_name() {
     return std::filesystem::exists(program_folder() + "/standins") ? "vexa-bench" : "script/run";
+}
+
+CLI::Validator seconds_from(double least, const char* name) {
+    return {[least](const std::string& text) {
+                double value = 0;
+                const bool is_fine = CLI::detail::lexical_cast(text, value) && value >= least &&
+                                     value <= kMostSeconds;
+                return is_fine ? std::string() : "a number of seconds is wanted, not " + text;
+            },
+            name};
+}
+
+// Opened for writing, a recording loses what it holds.
+void check_record(const BenchOptions& options) {
+    for (const std::string& read :
+         {options.replay, options.scenario, options.platform_scenario, options.daemon}) {
+        std::error_code not_there;
+        if (std::filesystem::equivalent(options.record, read, not_there)) {
+            throw CLI::ValidationError(
+                "--record", "would overwrite " + read + ", which this run reads; name another");
+        }
+    }
 }
 
 }  // namespace
@@ -41,7 +66,7 @@ std::optional<BenchOptions> parse_options(int argc, char** argv, int& status) {
     app.add_flag("!--no-platform", options.platform, "Leave the app platform out");
     app.add_option("--platform-after", options.platform_after,
                    "Start the app platform so many seconds late")
-        ->check(CLI::NonNegativeNumber);
+        ->check(seconds_from(0, "NONNEGATIVE"));
     app.add_option("--record", options.record,
                    "Record what passes every boundary (docs/recording.md)");
     auto* const replay = app.add_option("--replay", options.replay,
@@ -55,14 +80,11 @@ std::optional<BenchOptions> parse_options(int argc, char** argv, int& status) {
     app.add_option("--daemon", options.daemon, "The daemon's program")->check(CLI::ExistingFile);
     app.add_option("--log", options.log, "File for what the daemon writes");
     app.add_option("--time-out", options.time_out, "Seconds to wait for a final result")
-        ->check(CLI::PositiveNumber)
+        ->check(seconds_from(kLeastTimeOut, "POSITIVE"))
         ->capture_default_str();
     try {
         app.parse(argc, argv);
-        std::error_code none;
-        if (std::filesystem::equivalent(options.record, options.replay, none)) {
-            throw CLI::ValidationError("--record", "would overwrite the recording that is played");
-        }
+        check_record(options);
     } catch (const CLI::ParseError& error) {
         status = report_parse_error(app, error);
         return std::nullopt;

@@ -35,6 +35,8 @@ class SessionRecord {
     void done(std::string_view what, const RecordFields& more = {});
     void scenario(const std::string& name, const std::string& text);
     void end(int status);
+    // The errno that kept a line out of the file; 0: it is whole.
+    int error() { return writer_.error(); }
 
   private:
     RecordWriter writer_;

@@ -60,8 +60,12 @@ class Session {
     // What to exit with; `otherwise` when nothing ended the session early.
     int close(int otherwise) {
         const int status = has_ended() ? status_ : otherwise;
-        module_.end_record(status);
-        return status;
+        const std::string error = module_.end_record(status);
+        if (error.empty()) {
+            return status;
+        }
+        fprintf(stderr, "vexa-bench: the recording is not whole: %s\n", error.c_str());
+        return status == 0 ? 1 : status;
     }
 
   private:
@@ -132,6 +136,11 @@ int run_replay(const bench::BenchOptions& given) {
         fprintf(stderr, "vexa-bench: %s\n",
                 recorded.error.empty() ? "no folder for the recording's scenarios"
                                        : recorded.error.c_str());
+        return 1;
+    }
+    if (recorded.steps.empty()) {
+        fprintf(stderr, "vexa-bench: %s: no host did anything in it: nothing to play again\n",
+                given.replay.c_str());
         return 1;
     }
     Session session(bench::options_for(recorded, given, folder.path()));

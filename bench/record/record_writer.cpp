@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 
 namespace bench {
@@ -91,7 +92,13 @@ void RecordWriter::line(std::string text) {
     }
     // In one go: the daemon's shim appends to the same file.
     text += '\n';
-    (void)!write(file_, text.data(), text.size());
+    const std::lock_guard lock(mutex_);
+    put(text);
+}
+
+int RecordWriter::error() {
+    const std::lock_guard lock(mutex_);
+    return error_;
 }
 
 void RecordWriter::begin(std::int64_t time, std::string_view place) {
@@ -156,7 +163,14 @@ void RecordWriter::text(std::string_view text) {
 void RecordWriter::end() {
     area_[used_++] = '}';
     area_[used_++] = '\n';
-    (void)!write(file_, area_.data(), used_);
+    put({area_.data(), used_});
+}
+
+void RecordWriter::put(std::string_view bytes) {
+    const ssize_t taken = write(file_, bytes.data(), bytes.size());
+    if (error_ == 0 && taken != static_cast<ssize_t>(bytes.size())) {
+        error_ = taken < 0 ? errno : ENOSPC;
+    }
 }
 
 }  // namespace bench

@@ -72,6 +72,9 @@ class RecordWriter {
     // A line made elsewhere, without its end and of any length. Not for the shim: it allocates.
     void line(std::string text);
 
+    // The errno of the first line that did not go to the file whole; 0: every one did.
+    int error();
+
     static constexpr std::size_t kLongestPiece = 32768;
 
   private:
@@ -81,12 +84,14 @@ class RecordWriter {
     void character(char byte);
     void text(std::string_view text);
     void end();
+    void put(std::string_view bytes);
 
     // The longest escape of a byte is \u00xx.
     static constexpr std::size_t kAreaSize = kLongestPiece * 6 + 4096;
 
     int file_ = -1;
-    std::mutex mutex_;  // guards the area: one line at a time
+    int error_ = 0;
+    std::mutex mutex_;  // guards the area and the error: one line at a time
     std::array<char, kAreaSize> area_;
     std::size_t used_ = 0;
 };

@@ -204,7 +204,7 @@ void take_start(const Json& fields, RecordedSession& session) {
 
 std::string check_start(const std::optional<Line>& first) {
     if (!first || text_field(first->fields, "what") != "start") {
-        return "line 1: no start of a recording";
+        return "line 1: no start of a recording; was it made with --record?";
     }
     const std::int64_t version = number_field(first->fields, "version", 0);
     return version == 1 ? "" : "line 1: version " + std::to_string(version) + "; this knows 1";

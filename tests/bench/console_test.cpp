@@ -114,6 +114,9 @@ TEST(Console, WithoutThePlatformItsCommandsGoToTheModem) {
 TEST(Console, WrongUsageIsTold) {
     EXPECT_EQ(run("AT\\n", "--nonsense").status, 2);
     EXPECT_EQ(run("AT\\n", "--port nowhere").status, 2);
+    EXPECT_EQ(run("AT\\n", "--time-out 0").status, 2);
+    EXPECT_EQ(run("AT\\n", "--time-out soon").status, 2);
+    EXPECT_EQ(run("AT\\n", "--platform-after -1").status, 2);
     EXPECT_EQ(run("AT\\n", "--help").status, 0);
 }
 

@@ -28,6 +28,12 @@ TEST(PcieConsole, AnUnknownChannelIsAFailure) {
     }
 }
 
+TEST(PcieConsole, OverUsbThereAreNoChannelsToChange) {
+    const Outcome outcome = run_console("/mhi connect", "");
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_NE(outcome.output.find("start with --pcie"), std::string::npos) << outcome.output;
+}
+
 TEST(PcieConsole, AnUnknownChangeOfTheChannelsIsAFailure) {
     const Outcome outcome = run_console("/mhi shut", "--port pcie");
     EXPECT_EQ(outcome.status, 1);

@@ -210,6 +210,22 @@ TEST_F(Recorded, FileThatCannotBeWrittenIsTold) {
         << outcome.output;
 }
 
+TEST_F(Recorded, FileThatTakesNothingIsTold) {
+    const Outcome outcome = run_console("AT", "--record /dev/full");
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_NE(outcome.output.find("not whole: /dev/full: No space left on device"),
+              std::string::npos)
+        << outcome.output;
+}
+
+TEST_F(Recorded, SessionInWhichNothingWasDoneIsNoTest) {
+    std::ofstream(path_) << R"({"t":1,"at":"bench","what":"start","version":1})"
+                         << "\n";
+    const Outcome outcome = replay(path_);
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_NE(outcome.output.find("nothing to play again"), std::string::npos) << outcome.output;
+}
+
 class ReplayedPort : public Recorded, public testing::WithParamInterface<const char*> {};
 
 TEST_P(ReplayedPort, GivesTheSameAnswers) {

@@ -155,7 +155,7 @@ TEST_P(BrokenSession, IsToldOrPassedOver) {
     if (wanted.empty()) {
         EXPECT_EQ(error, "");
     } else {
-        EXPECT_TRUE(error.ends_with(wanted)) << error;
+        EXPECT_NE(error.find(wanted), std::string::npos) << error;
     }
 }
 

@@ -314,6 +314,15 @@ class Legs(unittest.TestCase):
                 commands, _ = tracked(said(100, "at", "in", b"AT+CGMR\r"), unseen)
                 self.assertEqual([leg.kind for leg in commands[0].legs], kinds)
 
+    def test_a_read_of_which_a_log_tells_the_size_ends_the_command_before_it(self) -> None:
+        unseen = {"n": 8, "unknown": ["data"]}
+        commands, _ = tracked(
+            said(100, "modem", "in", b"AT+CGMR\r"),
+            {"t": 1120, "at": "modem", "dir": "in", **unseen},
+            {"t": 1130, "at": "cp-modem", "dir": "out", **unseen},
+            said(140, "cp-modem", "in", b"\r\nCONNECT\r\n"))
+        self.assertEqual([leg.kind for leg in commands[0].legs], ["read"])
+
     def test_two_ports_at_once(self) -> None:
         commands, _ = tracked(*host(100, b"AT\r", "modem"), *host(101, b"AT\r"),
                               said(120, "cp-at", "out", b"AT\r"),

@@ -6,7 +6,8 @@ import argparse
 import io
 import os
 import sys
-from collections.abc import Sequence
+from collections.abc import Callable, Sequence
+from typing import NoReturn
 
 from .conversation import Conversation, View
 from .recording import CP_CHANNELS, HOST_PORTS, Recording, RecordingError, read_file
@@ -21,11 +22,27 @@ standard output. Times are seconds since the recording began.
 docs/trace.md tells how to read what is printed."""
 
 
+class _Parser(argparse.ArgumentParser):
+    def error(self, message: str) -> NoReturn:
+        if message.endswith("required: FILE"):
+            message += " (a word right after --what-happened is its PATTERN)"
+        super().error(message)
+
+
 def _seconds(text: str) -> float:
-    value = float(text)
+    try:
+        value = float(text)
+    except ValueError:
+        value = -1
     if not 0 <= value < 1e12:
-        raise ValueError("no such time")
+        raise argparse.ArgumentTypeError(f"a number of seconds is wanted, such as 1.5, not {text}")
     return value
+
+
+def _out(text: str) -> str:
+    if text in ("", "-"):
+        raise argparse.ArgumentTypeError("a file's name is wanted; /dev/stdout is one, too")
+    return text
 
 
 def _called() -> str:
@@ -36,7 +53,7 @@ def _called() -> str:
 
 def make_parser() -> argparse.ArgumentParser:
     """The options; also what the manual page is held against."""
-    parser = argparse.ArgumentParser(
+    parser = _Parser(
         prog=_called(),
         description="Shows what passed the daemon's boundaries, and what became of each command.",
         epilog=_EPILOG,
@@ -52,10 +69,29 @@ def make_parser() -> argparse.ArgumentParser:
         help="the road of each command instead; with PATTERN, of those that hold that text"
         " (upper and lower case alike)")
     add("--full", action="store_true", help="long data whole instead of its beginning")
-    add("--html", metavar="OUT", help="draws it as a page that any browser shows")
-    add("--pcap", metavar="OUT", help="writes it for Wireshark and tshark")
+    add("--html", type=_out, metavar="OUT", help="draws it as a page that any browser shows")
+    add("--pcap", type=_out, metavar="OUT", help="writes it for Wireshark and tshark")
     add("--from-log", action="store_true", help="FILE is the daemon's log")
     return parser
+
+
+def _is_same_file(one: str, other: str) -> bool:
+    try:
+        return os.path.samefile(one, other)
+    except OSError:  # one of them is not there yet
+        return os.path.abspath(one) == os.path.abspath(other)
+
+
+def _check(parser: argparse.ArgumentParser, options: argparse.Namespace) -> None:
+    """What no single option can tell; does not return when it is wrong."""
+    if None not in (options.begin, options.end) and options.begin > options.end:
+        parser.error("--from is later than --to")
+    for name in ("html", "pcap"):
+        out = getattr(options, name)
+        if out is not None and os.path.isfile(out) and _is_same_file(out, options.file):
+            parser.error(f"--{name} would overwrite FILE itself; give another name")
+    if options.html and options.pcap and _is_same_file(options.html, options.pcap):
+        parser.error("--html and --pcap name the same file")
 
 
 def _warn(text: str) -> None:
@@ -80,15 +116,28 @@ def _tell_faults(recording: Recording, path: str) -> None:
         _warn(f"{path}: has no end line (still running, or stopped): shown as far as it goes")
 
 
-def _write_files(options: argparse.Namespace, recording: Recording) -> None:
+def _written(write: Callable[[Recording, str], object], recording: Recording, out: str) -> bool:
+    try:
+        write(recording, out)
+    except BrokenPipeError:
+        raise
+    except OSError as error:
+        _warn(f"{out}: {error.strerror}")
+        return False
+    return True
+
+
+def _write_files(options: argparse.Namespace, recording: Recording) -> int:
+    is_done = True
     if options.html:
         from .html import write_page
 
-        write_page(recording, options.html)
+        is_done = _written(write_page, recording, options.html)
     if options.pcap:
         from .pcap import write_pcap
 
-        write_pcap(recording, options.pcap)
+        is_done = _written(write_pcap, recording, options.pcap) and is_done
+    return 0 if is_done else 1
 
 
 def _view(options: argparse.Namespace) -> View:
@@ -105,54 +154,53 @@ def _show(options: argparse.Namespace, recording: Recording) -> None:
         lines = Conversation(recording, view, paint).lines()
     else:
         lines = Report(recording, view, paint).lines(options.what_happened)
+    is_empty = True
     for line in lines:
         print(line)
+        is_empty = False
+    if is_empty:
+        _warn(f"{options.file}: nothing passed at these places and times")
 
 
 def run(options: argparse.Namespace) -> int:
     """0, or 1 after a sentence on standard error."""
     try:
         recording = _read(options)
-        _tell_faults(recording, options.file)
-        _write_files(options, recording)
-    except BrokenPipeError:
-        raise
     except RecordingError as error:
         _warn(f"{options.file}: {error}")
         return 1
     except OSError as error:
         _warn(f"{error.filename or options.file}: {error.strerror}")
         return 1
-    if not options.html and not options.pcap:
-        _show(options, recording)
+    _tell_faults(recording, options.file)
+    if options.html or options.pcap:
+        return _write_files(options, recording)
+    _show(options, recording)
     return 0
 
 
-def _parse(arguments: Sequence[str] | None) -> argparse.Namespace:
-    parser = make_parser()
-    options = parser.parse_args(arguments)
-    for out in (options.html, options.pcap):
-        if out and os.path.isfile(out) and _is_same(out, options.file):
-            parser.error(f"{out} would overwrite what is read")
-    return options
-
-
-def _is_same(one: str, other: str) -> bool:
-    return os.path.exists(other) and os.path.samefile(one, other)
+def _silence_output() -> None:
+    """What is still held back must not fail once more in Python's own flush at exit."""
+    os.dup2(os.open(os.devnull, os.O_WRONLY), 1)
 
 
 def main(arguments: Sequence[str] | None = None) -> int:
     """The exit status: 0 shown, 1 could not, 2 wrong usage."""
-    options = _parse(arguments)
+    parser = make_parser()
+    options = parser.parse_args(arguments)
+    _check(parser, options)
     if isinstance(sys.stdout, io.TextIOWrapper):
         sys.stdout.reconfigure(errors="backslashreplace")
     try:
         status = run(options)
         sys.stdout.flush()
     except BrokenPipeError:
-        # Whoever read has seen enough; Python's own flush at exit must not fail once more.
-        os.dup2(os.open(os.devnull, os.O_WRONLY), 1)
+        _silence_output()  # whoever read has seen enough
         return 0
+    except OSError as error:
+        _warn(f"standard output: {error.strerror}")
+        _silence_output()
+        return 1
     except KeyboardInterrupt:
         return 130
     return status

@@ -91,13 +91,18 @@ class Tracker:
         elif event.dir == "out":
             self._to_host(event, messages)
         elif event.data:
+            self._reads_on(event)
             self._from_host(event, messages, self._typed.setdefault(key, Typed()))
+        elif event.number("n"):  # a log tells of reads whose bytes it does not know
+            self._reads_on(event)
+
+    def _reads_on(self, event: Event) -> None:
+        for command in self._current[event.at]:
+            command.ended = event.t
+        self._current[event.at] = []
 
     def _from_host(self, event: Event, messages: list[Message], typed: Typed) -> None:
         source = event.at
-        for command in self._current[source]:
-            command.ended = event.t
-        self._current[source] = []
         self._last_bytes[source] = event.data
         sent = typed.take(event.data)
         mode = self._decoder.modes[_MODE_PORTS.get(source, source)]

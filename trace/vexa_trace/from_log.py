@@ -12,6 +12,7 @@ from .recording import Recording, RecordingError
 
 # A module's clock is set while the daemon runs: such a leap is no time that passed.
 _LONGEST_PAUSE = 24 * 3600
+_RECORDING = b'{"t":'
 
 
 class _Clock:
@@ -73,7 +74,10 @@ def read_log_bytes(log: bytes) -> Recording:
 def read_log(path: str) -> Recording:
     """The recording that a log makes; raises RecordingError or OSError."""
     with open(path, "rb") as file:
-        recording = read_log_bytes(file.read())
+        log = file.read()
+    if log.startswith(_RECORDING):
+        raise RecordingError("a recording, not a log; leave --from-log out")
+    recording = read_log_bytes(log)
     if not any(event.at != "log" or "noted" in event.fields for event in recording.events):
         raise RecordingError("holds no message of the daemon; is this its log?")
     return recording

@@ -82,9 +82,9 @@ def _parse_start(text: str) -> dict[str, Any]:
     try:
         start = _parse_json(text)
     except ValueError as error:
-        raise RecordingError(f"line 1: no JSON ({error}); is this a recording?") from error
+        raise RecordingError(f"line 1: no JSON ({error}); a log needs --from-log") from error
     if not isinstance(start, dict) or start.get("what") != "start":
-        raise RecordingError("line 1: no start of a recording")
+        raise RecordingError("line 1: no start of a recording; is this one of --record?")
     if start.get("version") != 1:
         raise RecordingError(f"line 1: version {start.get('version')} of the format; this knows 1")
     if not _is_time(start.get("t")):

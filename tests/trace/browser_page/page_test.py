@@ -66,6 +66,23 @@ class Shown(PageTest):
         self.open(read_lines(Lines().lines))
         self.wait_text("range", "nothing in view")
 
+    def test_another_size_shows_no_empty_frame(self) -> None:
+        self.open(usual().recording())
+        # The page's own observer was there first, so this one looks behind it in the same frame.
+        self.js("const chart = document.getElementById('chart'); window.isDrawn = [];"
+                "new ResizeObserver(() => {"
+                "  const aside = document.createElement('canvas');"
+                "  [aside.width, aside.height] = [chart.width, chart.height];"
+                "  const pen = aside.getContext('2d', { willReadFrequently: true });"
+                "  pen.drawImage(chart, 0, 0);"
+                "  const pixels = pen.getImageData(0, 0, aside.width, aside.height).data;"
+                "  window.isDrawn.push(pixels.some((value) => value > 0));"
+                "}).observe(document.getElementById('main'));")
+        self.wait(lambda: self.js("return window.isDrawn.length") == 1)
+        self.js("document.getElementById('main').style.maxHeight = '300px'")
+        self.wait(lambda: self.js("return window.isDrawn.length") == 2)
+        self.assertEqual([True, True], self.js("return window.isDrawn"))
+
     def test_light_and_dark(self) -> None:
         self.open(usual().recording())
         before = self.pixel(3, 300)

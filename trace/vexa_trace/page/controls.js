@@ -5,13 +5,15 @@ let isDrawWanted = false;
 function redraw() {
   if (isDrawWanted) return;
   isDrawWanted = true;
-  requestAnimationFrame(() => {
-    isDrawWanted = false;
-    drawScene();
-    drawOverview();
-    updatePanel();
-    updateStatus();
-  });
+  requestAnimationFrame(drawAll);
+}
+
+function drawAll() {
+  isDrawWanted = false;
+  drawScene();
+  drawOverview();
+  updatePanel();
+  updateStatus();
 }
 
 function renew() {

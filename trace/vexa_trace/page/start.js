@@ -5,7 +5,7 @@ function fitAll() {
   layout.height = Math.max(60, scene.height - HEAD);
   clampView();
   renewOverview();
-  redraw();
+  drawAll();  // fitting has emptied the canvases: no frame is to show them so
 }
 
 // A log has no last line of its own.
