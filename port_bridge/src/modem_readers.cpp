@@ -33,6 +33,20 @@ constexpr useconds_t kBeforeSignal = 1000;
 // The MHI member's wait for data ends this often to look at the control lines.
 constexpr int kMhiWaitMs = 500;
 
+// A channel whose other end says no more is readable for ever and gives nothing. One empty read may
+// be an empty packet; from the second in a row on the reader looks once a second.
+class EmptyReads {
+  public:
+    void note(int length) {
+        if (length == 0 && was_empty_)
+            sleep(1);
+        was_empty_ = length == 0;
+    }
+
+  private:
+    bool was_empty_ = false;
+};
+
 // What differs between the three GLINK members.
 struct GlinkMember {
     void* (*entry)(void*);
@@ -162,6 +176,7 @@ class GlinkReader {
     const thread_info_t& info_;
     Channel channel_;
     bool intent_queued_ = false;
+    EmptyReads empty_reads_;
     int signals_ = 0;
     char chunk_[kTextAreaSize] = {};
     char text_[kTextAreaSize] = {};  // copies of other threads' texts
@@ -196,6 +211,7 @@ void GlinkReader::pass() {
     VEXA_LOG("read from '%s' num_read: %d.\r\n", device.path, length);
     if (length == -1)
         channel_.close_it();
+    empty_reads_.note(length);
     if (length <= 0)
         return;
     chunk_[length] = '\0';
@@ -331,6 +347,7 @@ class PlainReader {
     const thread_info_t& info_;
     Channel channel_;
     const bool is_mhi_;
+    EmptyReads empty_reads_;
     int signals_ = 0;
     int signals_sent_ = 0;
     char chunk_[kTextAreaSize] = {};
@@ -379,6 +396,7 @@ void PlainReader::read_chunk(const DevicePoll& polled) {
     // A pipe that was hung up and has nothing left would be readable for ever.
     if (length == -1 || (length == 0 && (polled.revents & kLostEvents) != 0))
         channel_.close_it();
+    empty_reads_.note(length);
     if (length <= 0)
         return;
     chunk_[length] = '\0';

@@ -1,7 +1,10 @@
 #include "daemon_figures.h"
 
+#include <unistd.h>
+
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 
@@ -33,4 +36,27 @@ std::map<int, long> voluntary_switches(int pid) {
             number_of((thread.path() / "status").string(), "voluntary_ctxt_switches:");
     }
     return switches;
+}
+
+std::map<int, long> thread_cpu_ms(int pid) {
+    std::map<int, long> times;
+    for (const auto& thread :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task")) {
+        std::ifstream file(thread.path() / "stat");
+        std::string line;
+        std::getline(file, line);
+        // The name stands in brackets and may hold anything; behind it state is field 3, and user
+        // and system time are fields 14 and 15.
+        std::istringstream fields(line.substr(line.rfind(')') + 1));
+        std::string skipped;
+        for (int field = 3; field < 14; ++field) {
+            fields >> skipped;
+        }
+        long user = 0;
+        long system = 0;
+        fields >> user >> system;
+        times[std::stoi(thread.path().filename().string())] =
+            (user + system) * 1000 / sysconf(_SC_CLK_TCK);
+    }
+    return times;
 }

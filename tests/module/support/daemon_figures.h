@@ -8,3 +8,6 @@ long private_dirty_kib(int pid);
 
 // Voluntary context switches of each thread: every wait that ended counts one.
 std::map<int, long> voluntary_switches(int pid);
+
+// CPU time of each thread since it began, in ms; the kernel counts it in ticks of 10 ms.
+std::map<int, long> thread_cpu_ms(int pid);

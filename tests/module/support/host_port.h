@@ -33,6 +33,9 @@ class HostPort {
     void plug();
     // Gone and back in one step: the new device stands at the path before the old one hangs up.
     void replug();
+    // The host leaves what comes where it is, until the port is full, and goes on.
+    void stop_reading() { reads_ = false; }
+    void read_on() { reads_ = true; }
     // As seen from outside, e.g. for a terminal program.
     int fd() const { return pty_ ? pty_->master.get() : -1; }
     // The module's end, held open beside the daemon's: its settings and what waits to be read.
@@ -45,5 +48,6 @@ class HostPort {
     Module& module_;
     std::string path_;
     std::optional<bench::Pty> pty_;
+    bool reads_ = true;
     std::string received_;
 };

@@ -346,7 +346,7 @@ void Module::serve(std::chrono::milliseconds at_most) {
     };
     add(space_.exits_fd(), [this] { take_exits(); });
     for (const auto& port : host_ports_) {
-        add(port->fd(), [&port] { port->take_input(); });
+        add(port->reads_ ? port->fd() : -1, [&port] { port->take_input(); });
     }
     for (const auto& channel : channels_) {
         add(channel->listener_.get(), [&channel] { channel->accept_connection(); });

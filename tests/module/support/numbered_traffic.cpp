@@ -35,6 +35,9 @@ std::string answer_text(long number, const char* peer) {
 NumberedTraffic::NumberedTraffic(Module& module, FakePlatform& platform)
     : module_(module), platform_(platform) {
     platform_.answer = [this](const bench::PlatformRequest& request) {
+        if (platform_is_silent_) {
+            return std::string();
+        }
         const auto port = std::find(kPlatformPorts.begin(), kPlatformPorts.end(), request.port);
         const auto channel = static_cast<int>(port - kPlatformPorts.begin());
         return bench::encode_pack(bench::PackKind::command,
@@ -72,6 +75,19 @@ void NumberedTraffic::add_host_port(int index) {
                  host.forget_received();
                  return text;
              }});
+}
+
+void NumberedTraffic::finish(const std::string& name, Here here) {
+    Lane& lane = this->lane(name);
+    lane.finishing = true;
+    module_.wait_until(
+        [&] {
+            step(0ms);
+            return lane.number == 0;
+        },
+        "the answer on the road " + name, here);
+    lane.finishing = false;
+    lane.paused = true;
 }
 
 void NumberedTraffic::resume(const std::string& name) {
@@ -112,6 +128,9 @@ void NumberedTraffic::speak_as_modem() {
     for (int index = 0; index < 3; ++index) {
         ModemChannel& channel = module_.channel(index);
         std::string& line = lines_[index];
+        if (silent_[index]) {
+            continue;
+        }
         while (!channel.received().empty()) {
             line += channel.expect_message();
             if (!line.ends_with('\r')) {
@@ -186,7 +205,8 @@ bool NumberedTraffic::is_its_turn(const Lane& lane) const {
     const auto longest_quiet =
         std::min_element(lanes_.begin(), lanes_.end(), [&](const Lane& one, const Lane& two) {
             const auto rank = [&](const Lane& any) {
-                return shares_port(any) && !any.paused ? any.last_number : LONG_MAX;
+                return shares_port(any) && !any.paused && !any.finishing ? any.last_number
+                                                                         : LONG_MAX;
             };
             return rank(one) < rank(two);
         });
@@ -199,7 +219,7 @@ bool NumberedTraffic::is_its_turn(const Lane& lane) const {
 // neither of the two begins while the other's command is on its way there, and they alternate
 // while both want to.
 bool NumberedTraffic::may_ask(const Lane& lane) const {
-    if (settling_ || lane.paused || lane.number != 0 || !is_its_turn(lane)) {
+    if (settling_ || lane.paused || lane.finishing || lane.number != 0 || !is_its_turn(lane)) {
         return false;
     }
     return std::none_of(lanes_.begin(), lanes_.end(), [&](const Lane& other) {
@@ -262,6 +282,16 @@ void NumberedTraffic::run(long answers, Here here) {
             });
         },
         std::to_string(answers) + " answers on every road", here);
+}
+
+void NumberedTraffic::run_until(const std::function<bool()>& done, const std::string& what,
+                                Here here) {
+    module_.wait_until(
+        [&] {
+            step(0ms);
+            return done();
+        },
+        what, here);
 }
 
 void NumberedTraffic::settle(Here here) {

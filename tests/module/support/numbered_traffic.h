@@ -47,15 +47,23 @@ class NumberedTraffic {
     void add(Road road);
     void add_host_port(int index);
     void pause(const std::string& name) { lane(name).paused = true; }
+    // The same once its command is answered, while the others go on.
+    void finish(const std::string& name, Here here = Here::current());
     // What came meanwhile is forgotten.
     void resume(const std::string& name);
     // Only the modem is asked, e.g. while the platform is at fault.
     void ask(Ask whom) { whom_ = whom; }
+    // The modem leaves what comes on a channel unread and unanswered, until it is told to go on.
+    void silence_modem(int channel, bool silent) { silent_[channel] = silent; }
+    void silence_platform(bool silent) { platform_is_silent_ = silent; }
 
     // One round: takes what came, answers for the peers, and asks on every idle road.
     void step(std::chrono::milliseconds at_most);
     // So many more answers on each road that is not paused.
     void run(long answers, Here here = Here::current());
+    // Goes on until this holds.
+    void run_until(const std::function<bool()>& done, const std::string& what,
+                   Here here = Here::current());
     // Until no command waits for its answer; nothing new is asked.
     void settle(Here here = Here::current());
 
@@ -71,6 +79,7 @@ class NumberedTraffic {
         Road road;
         TrafficCounts counts;
         bool paused = false;
+        bool finishing = false;
         long number = 0;  // of the command on its way; 0: none
         long last_number = 0;
         bool seen = false;   // by a peer
@@ -95,6 +104,8 @@ class NumberedTraffic {
     FakePlatform& platform_;
     std::deque<Lane> lanes_;
     std::map<int, std::string> lines_;  // a channel's line, as far as it came
+    std::map<int, bool> silent_;
+    bool platform_is_silent_ = false;
     Ask whom_ = Ask::both;
     bool settling_ = false;
     long last_number_ = 0;
