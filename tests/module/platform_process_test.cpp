@@ -1,6 +1,7 @@
 // The scripted platform as a process of its own beside the daemon.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -95,6 +96,39 @@ TEST(PlatformProcess, ALateStartIsWaitedFor) {
     module.wait_for_log("new connection is uart port OK again.");
     module.uart_port().write("AT+CGMR\r");
     module.uart_port().expect("AT+CGMR\r\r\nOK\r\n");
+}
+
+// Each of the scenario's bad frames has a write of its own, 50 ms apart. A daemon that was held up
+// meanwhile reads two of them at once and drops the answer with them, so the command is asked
+// again.
+TEST(PlatformProcess, BadFramesReachNoHostAndTheAnswerBehindThemDoes) {
+    constexpr int kTries = 10;
+    constexpr auto kAskAgain = std::chrono::seconds(7);  // the daemon's own wait is over by then
+    Module module(not_started());
+    module.start_program("vexa-platform", {VEXA_SCENARIO_FOLDER "/platform-features.txt"});
+    start(module);
+    const std::string answer = "AT+CGMI\r\r\nVEXA\r\n\r\nOK\r\n";
+    std::string got;
+    for (int tried = 0; tried < kTries && got.find(answer) == std::string::npos; ++tried) {
+        module.modem_port().write("AT+CGMI\r");
+        const auto again_at = std::chrono::steady_clock::now() + kAskAgain;
+        module.wait_until(
+            [&] {
+                return module.modem_port().received().find(answer) != std::string::npos ||
+                       std::chrono::steady_clock::now() >= again_at;
+            },
+            "the answer, or the end of the command's wait");
+        got += module.modem_port().received();
+        module.modem_port().forget_received();
+    }
+    EXPECT_NE(got.find(answer), std::string::npos) << got;
+    EXPECT_EQ(got.find("junk"), std::string::npos) << got;
+    EXPECT_EQ(got.find("lost"), std::string::npos) << got;
+    EXPECT_GE(module.log_count("!!!!recv data pack head error.!!!!"), 1);
+    // The connection is the same one, and serves the next command.
+    EXPECT_EQ(module.log_count("is hang up(mport)"), 0);
+    module.modem_port().write("AT+CGMR\r");
+    module.modem_port().expect_up_to("\r\nOK\r\n");
 }
 
 TEST(PlatformProcess, AScenarioWithAMistakeIsRefused) {

@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,6 +15,7 @@
 #include <vector>
 
 #include "platform_pack.h"
+#include "system_calls.h"
 
 namespace {
 
@@ -363,6 +365,68 @@ TEST(ReconnectAppPlatform, ClosesTheOldAndFailsWithoutAPlatform) {
     EXPECT_EQ(reconnect_app_platform(ends[0]), -3);
     char byte;
     EXPECT_EQ(recv(ends[1], &byte, 1, 0), 0) << "the old connection was closed";
+    close(ends[1]);
+}
+
+// A platform of the test's own, where the code under test finds the platform's path.
+class ListeningPlatform {
+  public:
+    ListeningPlatform() : path_(testing::TempDir() + "platform." + std::to_string(getpid())) {
+        unlink(path_.c_str());
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path_.copy(address.sun_path, sizeof address.sun_path - 1);
+        EXPECT_EQ(bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+        EXPECT_EQ(listen(fd_, 1), 0);
+        system_.lead_connects(kPlatformSocketPath, path_);
+    }
+    ~ListeningPlatform() {
+        close(fd_);
+        unlink(path_.c_str());
+    }
+    ListeningPlatform(const ListeningPlatform&) = delete;
+    ListeningPlatform& operator=(const ListeningPlatform&) = delete;
+    int take_connection() const { return accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC); }
+
+  private:
+    std::string path_;
+    int fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    SystemCalls system_;
+};
+
+TEST(ReconnectAppPlatform, KeepsANewConnectionThatCarriesPacks) {
+    const ListeningPlatform platform;
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    g_reconn_client_sockfd = -1;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(reconnect_app_platform(ends[0]), 0);
+    const int fresh = g_reconn_client_sockfd;
+    EXPECT_THAT(testing::internal::GetCapturedStdout(),
+                HasSubstr("reconnect_app_platform OK, new fd:" + std::to_string(fresh) + ".\r\n"));
+    char byte;
+    EXPECT_EQ(recv(ends[1], &byte, 1, 0), 0) << "the old connection was closed";
+    close(ends[1]);
+    EXPECT_EQ(fcntl(fresh, F_GETFL) & O_NONBLOCK, 0);
+    EXPECT_NE(fcntl(fresh, F_GETFD) & FD_CLOEXEC, 0);
+    const int accepted = platform.take_connection();
+    ASSERT_GE(accepted, 0);
+    EXPECT_EQ(client_report_port_name(fresh, PORT_AT0), 48);
+    char report[64];
+    EXPECT_EQ(recv(accepted, report, sizeof report, 0), 48);
+    close(accepted);
+    close(fresh);
+    g_reconn_client_sockfd = -1;
+}
+
+TEST(ReconnectAppPlatform, WithoutASocketNothingIsKept) {
+    SystemCalls system;
+    system.answer(Call::socket, -1, EMFILE);
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    g_reconn_client_sockfd = -1;
+    EXPECT_EQ(reconnect_app_platform(ends[0]), -2);
+    EXPECT_EQ(g_reconn_client_sockfd, -1);
     close(ends[1]);
 }
 

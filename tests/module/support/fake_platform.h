@@ -36,6 +36,8 @@ class FakePlatform {
     void wait_until_connected(Here here = Here::current());
     int reports(const std::string& port) const;
     bool is_connected(const std::string& port) const;
+    // How many were taken in all, whatever came of them.
+    int connections() const { return next_id_ - 1; }
 
     // The next pack on the port is exactly this.
     void expect(const std::string& port, std::string_view payload,

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -14,6 +15,7 @@
 #include <array>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 
 #include "tested_daemon.h"
 
@@ -26,6 +28,8 @@ constexpr auto kDeadline = 60s;
 // How long a round of serving sleeps when nothing comes; what has no descriptor (the device words,
 // the log) is looked at again after this.
 constexpr auto kRound = 2ms;
+// For what is told to end; whatever does not ends with the namespaces.
+constexpr auto kEndDeadline = 20s;
 constexpr std::size_t kLogTail = 6000;
 
 constexpr std::array kHostPaths{"/dev/at_usb0", "/dev/at_usb1", "/dev/ttyMSM1", "/dev/mhi_pipe_32"};
@@ -122,10 +126,33 @@ Module::Module(ModuleOptions options)
 Module::~Module() {
     try {
         take_exits();
+        end_programs();
     } catch (const ExpectationFailed&) {
         // reported
     }
     check_reports();
+}
+
+void Module::end_programs() {
+    std::vector<int> running;
+    if (daemon_runs()) {
+        running.push_back(daemon_.pid);
+        end_expected_ = true;
+    }
+    std::copy_if(programs_.begin(), programs_.end(), std::back_inserter(running),
+                 [this](int pid) { return !program_status_.contains(pid); });
+    for (const int pid : running) {
+        space_.signal(pid, SIGTERM);
+    }
+    const auto is_over = [this](int pid) {
+        return pid == daemon_.pid ? daemon_status_.has_value() : program_status_.contains(pid);
+    };
+    const auto deadline = Clock::now() + kEndDeadline;
+    while (Clock::now() < deadline && !std::all_of(running.begin(), running.end(), is_over)) {
+        pollfd exits{space_.exits_fd(), POLLIN, 0};
+        poll(&exits, 1, static_cast<int>(kRound.count()));
+        take_exits();
+    }
 }
 
 void Module::lay_devices(const ModuleOptions& options) {
@@ -288,6 +315,7 @@ int Module::start_program(const std::string& name, const std::vector<std::string
     if (!child) {
         fail(space_.error(), here);
     }
+    programs_.push_back(child->pid);
     return child->pid;
 }
 
@@ -420,7 +448,7 @@ void Module::fail(const std::string& what, Here here) {
 
 void Module::check_reports() {
     const std::string all = log() + whole_file(programs_log_.get());
-    for (const char* sign : {"Sanitizer:", "runtime error:"}) {
+    for (const char* sign : {"Sanitizer:", "runtime error:", "memcheck-error:"}) {
         if (all.find(sign) != std::string::npos) {
             ADD_FAILURE() << "a sanitizer reported:\n" << tail(all.substr(all.find(sign)));
         }

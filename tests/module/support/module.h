@@ -130,6 +130,8 @@ class Module {
     void take_exits();
     void play_modem();
     int poll_time(std::chrono::milliseconds at_most) const;
+    // As a service manager ends them: a build that counts or checks has its last word then.
+    void end_programs();
     void check_reports();
 
     ModuleOptions options_;
@@ -139,6 +141,7 @@ class Module {
     bench::Child daemon_;
     std::optional<int> daemon_status_;
     bool end_expected_ = false;
+    std::vector<int> programs_;
     std::map<int, int> program_status_;
     std::vector<std::unique_ptr<HostPort>> host_ports_;
     std::vector<std::unique_ptr<ModemChannel>> channels_;

@@ -1,0 +1,157 @@
+// What the rooms do when the system refuses them a socket, a lock or an answer.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <functional>
+#include <string>
+
+#include "mbim_udp_relay.h"
+#include "mutex_guard.h"
+#include "platform_link.h"
+#include "shared_int.h"
+#include "system_calls.h"
+#include "vexa_mbim_service_v01.h"
+#include "vexa_port_bridge.h"
+#include "vexa_socket_client.h"
+#include "vexa_socket_server.h"
+
+namespace {
+
+using testing::HasSubstr;
+
+std::string log_of(const std::function<void()>& call) {
+    testing::internal::CaptureStdout();
+    call();
+    return testing::internal::GetCapturedStdout();
+}
+
+class Refusals : public testing::Test {
+  protected:
+    SystemCalls system_;
+};
+
+// A mutex that knows its owner refuses instead of waiting for ever.
+class OwnedMutex {
+  public:
+    OwnedMutex() {
+        pthread_mutexattr_t kind;
+        pthread_mutexattr_init(&kind);
+        pthread_mutexattr_settype(&kind, PTHREAD_MUTEX_ERRORCHECK);
+        pthread_mutex_init(&mutex, &kind);
+        pthread_mutexattr_destroy(&kind);
+    }
+    ~OwnedMutex() { pthread_mutex_destroy(&mutex); }
+    OwnedMutex(const OwnedMutex&) = delete;
+    OwnedMutex& operator=(const OwnedMutex&) = delete;
+    pthread_mutex_t mutex;
+};
+
+TEST_F(Refusals, AGuardThatCannotLockSaysSoAndLeavesTheLockAlone) {
+    OwnedMutex owned;
+    ASSERT_EQ(pthread_mutex_lock(&owned.mutex), 0);
+    EXPECT_THAT(log_of([&] { const MutexGuard guard(&owned.mutex); }),
+                HasSubstr("mutex lock failed [0x"));
+    EXPECT_EQ(pthread_mutex_unlock(&owned.mutex), 0) << "it is still held from before";
+}
+
+TEST_F(Refusals, AGuardThatCannotUnlockSaysSo) {
+    OwnedMutex owned;
+    EXPECT_THAT(log_of([&] {
+                    const MutexGuard guard(&owned.mutex);
+                    pthread_mutex_unlock(&owned.mutex);
+                }),
+                HasSubstr("mutex unlock failed [0x"));
+}
+
+TEST_F(Refusals, WithoutASocketAPortHasNoPlatformConnection) {
+    for (const PortRecord& port : g_ports) {
+        system_.answer(Call::socket, -1, EMFILE);
+        EXPECT_THAT(log_of([&] { EXPECT_EQ(open_platform_connection(port), kNoSocket); }),
+                    HasSubstr("client socket failed, info:Too many open files"));
+        EXPECT_LT(load_shared(port.platform_socket), 0);
+        close_platform_connection(port);  // nothing to close
+        EXPECT_LT(load_shared(port.platform_socket), 0);
+    }
+}
+
+TEST_F(Refusals, TheUdpServerGetsNoSocketOrNoPort) {
+    system_.answer(Call::socket, -1, EMFILE);
+    EXPECT_EQ(init_udp_at_server_socket(), -1);
+    EXPECT_EQ(system_.count(Call::bind), 0);
+    system_.answer(Call::bind, -1, EADDRINUSE);
+    EXPECT_EQ(init_udp_at_server_socket(), -1);
+}
+
+TEST_F(Refusals, TheRelayGetsNoSocketOrNoTimeOut) {
+    system_.answer(Call::socket, -1, EMFILE);
+    EXPECT_THAT(log_of([] { EXPECT_EQ(udp_socket_init(), -1); }),
+                HasSubstr("init_udp_at_server_socket error.-1.0.0\r\n"));
+    EXPECT_EQ(socket_fd, -1);
+    system_.answer(Call::setsockopt, -1, ENOMEM);
+    EXPECT_THAT(log_of([] { EXPECT_EQ(udp_socket_init(), -1); }),
+                HasSubstr("set timeout failed error."));
+    EXPECT_EQ(socket_fd, -1);
+}
+
+struct SendRow {
+    int error;
+    bool names_all;  // the three connections are named in the log
+};
+
+TEST_F(Refusals, AFailedSendIsLoggedAndAnAbsentPlatformNamesAllConnections) {
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    for (const SendRow& row : {SendRow{ENOENT, true}, SendRow{EPIPE, false}}) {
+        system_.answer(Call::send, -1, row.error);
+        char answer[8];
+        int length = 0;
+        vexa_ext_info ext_info{MSG_SYNC, CMD_AT_CMD, 3};
+        const std::string log = log_of([&] {
+            EXPECT_EQ(client_send_msg(ends[0], "AT\r", 3, 0, answer, &length, &ext_info), -1);
+        });
+        EXPECT_THAT(log, HasSubstr("send data failed,fd:"));
+        EXPECT_EQ(log.find("close all socket it and reconnect.") != log.npos, row.names_all);
+    }
+    close(ends[0]);
+    close(ends[1]);
+}
+
+TEST_F(Refusals, AReceiveWithTimeOutChecksItsDescriptorAndItsLength) {
+    char area[4];
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    ASSERT_EQ(write(ends[1], "text", 4), 4);
+    EXPECT_EQ(recv_with_timeout(ends[0], area, -1, 0, 0), kTimedOut);
+    // A number that a set of descriptors does not hold.
+    const int beyond = fcntl(ends[0], F_DUPFD_CLOEXEC, FD_SETSIZE);
+    if (beyond >= 0) {
+        EXPECT_EQ(recv_with_timeout(beyond, area, 4, 0, 0), kTimedOut);
+        close(beyond);
+    }
+    EXPECT_EQ(recv_with_timeout(ends[0], area, 4, 0, 0), 4) << "nothing was taken before";
+    close(ends[0]);
+    close(ends[1]);
+}
+
+TEST(RefusalsDeathTest, ATargetThatNeedsSmdOnAKernelThatCannotBeAskedEndsTheProcess) {
+    EXPECT_EXIT(
+        {
+            SystemCalls system;
+            system.answer(Call::uname, -1, EFAULT);
+            setenv("VEXA_DS_TARGET", "26", 1);
+            dup2(STDERR_FILENO, STDOUT_FILENO);
+            pb_targetinfo found{};
+            pb_resolve_target(found);
+        },
+        testing::ExitedWithCode(1),
+        "Unsupported target: DS_TARGET_JACALA - Check for char_bridge on this target!\r\n"
+        ".*Failed to resolve target info. Dying...");
+}
+
+}  // namespace

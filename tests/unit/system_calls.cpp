@@ -1,0 +1,146 @@
+#include "system_calls.h"
+
+#include <poll.h>
+#include <pthread.h>
+#include <semaphore.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/utsname.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <deque>
+#include <map>
+#include <optional>
+
+namespace {
+
+struct Answer {
+    int result;
+    int error;
+};
+
+struct Script {
+    std::map<Call, std::deque<Answer>> answers;
+    std::map<Call, int> counts;
+    std::map<std::string, std::string> connects;
+};
+
+Script& script() {
+    thread_local Script made;
+    return made;
+}
+
+std::optional<int> answered(Call call) {
+    ++script().counts[call];
+    auto& waiting = script().answers[call];
+    if (waiting.empty())
+        return std::nullopt;
+    const Answer answer = waiting.front();
+    waiting.pop_front();
+    errno = answer.error;
+    return answer.result;
+}
+
+}  // namespace
+
+SystemCalls::~SystemCalls() {
+    script() = {};
+}
+
+void SystemCalls::answer(Call call, int result, int error) {
+    script().answers[call].push_back({result, error});
+}
+
+int SystemCalls::count(Call call) const {
+    const auto& counts = script().counts;
+    const auto found = counts.find(call);
+    return found == counts.end() ? 0 : found->second;
+}
+
+void SystemCalls::lead_connects(const std::string& path, const std::string& other) {
+    script().connects[path] = other;
+}
+
+// The names are the linker's: __wrap_NAME is called in place of NAME, which is __real_NAME.
+extern "C" {
+
+int __real_access(const char* path, int mode);
+int __wrap_access(const char* path, int mode) {
+    const auto given = answered(Call::access);
+    return given ? *given : __real_access(path, mode);
+}
+
+int __real_sem_init(sem_t* semaphore, int shared, unsigned value);
+int __wrap_sem_init(sem_t* semaphore, int shared, unsigned value) {
+    const auto given = answered(Call::sem_init);
+    return given ? *given : __real_sem_init(semaphore, shared, value);
+}
+
+using Entry = void* (*)(void*);
+int __real_pthread_create(pthread_t* thread, const pthread_attr_t* how, Entry entry, void* arg);
+int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* how, Entry entry, void* arg) {
+    const auto given = answered(Call::pthread_create);
+    return given ? *given : __real_pthread_create(thread, how, entry, arg);
+}
+
+int __real_socket(int domain, int type, int protocol);
+int __wrap_socket(int domain, int type, int protocol) {
+    const auto given = answered(Call::socket);
+    return given ? *given : __real_socket(domain, type, protocol);
+}
+
+int __real_setsockopt(int fd, int level, int name, const void* value, socklen_t size);
+int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t size) {
+    const auto given = answered(Call::setsockopt);
+    return given ? *given : __real_setsockopt(fd, level, name, value, size);
+}
+
+int __real_bind(int fd, const sockaddr* address, socklen_t size);
+int __wrap_bind(int fd, const sockaddr* address, socklen_t size) {
+    const auto given = answered(Call::bind);
+    return given ? *given : __real_bind(fd, address, size);
+}
+
+int __real_poll(pollfd* set, nfds_t count, int timeout);
+int __wrap_poll(pollfd* set, nfds_t count, int timeout) {
+    const auto given = answered(Call::poll);
+    if (!given)
+        return __real_poll(set, count, timeout);
+    for (nfds_t at = 0; at < count; ++at) set[at].revents = *given > 0 ? set[at].events : short{0};
+    return *given;
+}
+
+ssize_t __real_recv(int fd, void* area, size_t size, int flags);
+ssize_t __wrap_recv(int fd, void* area, size_t size, int flags) {
+    const auto given = answered(Call::recv);
+    return given ? *given : __real_recv(fd, area, size, flags);
+}
+
+ssize_t __real_send(int fd, const void* bytes, size_t size, int flags);
+ssize_t __wrap_send(int fd, const void* bytes, size_t size, int flags) {
+    const auto given = answered(Call::send);
+    return given ? *given : __real_send(fd, bytes, size, flags);
+}
+
+int __real_uname(utsname* names);
+int __wrap_uname(utsname* names) {
+    const auto given = answered(Call::uname);
+    return given ? *given : __real_uname(names);
+}
+
+int __real_connect(int fd, const sockaddr* address, socklen_t size);
+int __wrap_connect(int fd, const sockaddr* address, socklen_t size) {
+    if (address->sa_family != AF_UNIX)
+        return __real_connect(fd, address, size);
+    sockaddr_un other{};
+    memcpy(&other, address, std::min<size_t>(size, sizeof other - 1));
+    const auto found = script().connects.find(other.sun_path);
+    if (found == script().connects.end())
+        return __real_connect(fd, address, size);
+    memset(other.sun_path, 0, sizeof other.sun_path);
+    found->second.copy(other.sun_path, sizeof other.sun_path - 1);
+    return __real_connect(fd, reinterpret_cast<const sockaddr*>(&other), sizeof other);
+}
+}

@@ -1,0 +1,36 @@
+// The C library as the daemon's code meets it in this program: calls that a test has an answer for
+// never reach the kernel. The linker leads them here (--wrap), so the code under test is as it
+// ships. Answers count for the calling thread only.
+#pragma once
+
+#include <string>
+
+enum class Call {
+    access,
+    sem_init,
+    pthread_create,
+    socket,
+    setsockopt,
+    bind,
+    poll,
+    recv,
+    send,
+    uname
+};
+
+// From its making to its end the thread's calls are answered as told.
+class SystemCalls {
+  public:
+    SystemCalls() = default;
+    ~SystemCalls();
+    SystemCalls(const SystemCalls&) = delete;
+    SystemCalls& operator=(const SystemCalls&) = delete;
+
+    // The next call that has no answer yet gives `result`, with errno set to `error`; the ones
+    // after the last answer are real. A poll with a result above 0 is given what it asks for.
+    void answer(Call call, int result, int error = 0);
+    // How often it was called meanwhile, whoever answered.
+    int count(Call call) const;
+    // What connects to the UNIX socket at `path` comes out at `other`.
+    void lead_connects(const std::string& path, const std::string& other);
+};
