@@ -1,5 +1,5 @@
-// Part of the coverage preset only. A program's counters are written when it returns, and the daemon
-// ends otherwise: told to, or by abort(). So here those signals write them first.
+// Part of the coverage preset only. A program's counters are written when it returns, and the
+// daemon ends otherwise: told to, or by abort(). So here those signals write them first.
 #include <signal.h>
 #include <unistd.h>
 
