@@ -57,7 +57,12 @@ class Multiplexer {
         g_cur_mux_proc_state = CUR_STATE_ERROR;
         g_MuxCfg = {};
         reset_mux_input();
+        // The process's first chunk may begin with the end of the +CMUX line; the gatherer's clock
+        // begins now.
+        static const bool has_dropped_line_end = handle_mux_input("\n", 1) == 1;
+        HOLDS(has_dropped_line_end);
         handle_mux_input("", 0);
+        forget_written();
     }
     ~Multiplexer() { store_shared(g_uart_port_status, 0); }
     Multiplexer(const Multiplexer&) = delete;
@@ -241,6 +246,9 @@ void refuse_bad_arguments() {
     HOLDS(SA_DefaultCmdHandler_CMUX(nullptr, 1, area.data(), &length, &direction) == -1);
     HOLDS(SA_DefaultMuxDataHandler_CMUX(nullptr, 1, area.data(), &length, &direction) == -1);
     HOLDS(SA_DefaultMuxDataHandler_CMUX("x", 1, nullptr, &length, &direction) == -1);
+    g_cur_mux_proc_state = CUR_STATE_ERROR;
+    const std::string set_up = plain::frame(0x03, 0x3F, "");
+    HOLDS(SA_DefaultMuxDataHandler_CMUX(set_up.data(), 6, area.data(), &length, &direction) == -1);
     HOLDS(assemble_uih_respone_packet(-1, "x", 1, area.data(), &length) == -1);
     HOLDS(assemble_ua_ack_packet(9, area.data(), &length) == 1);
     HOLDS(get_para_counts("", 0) == 3);

@@ -3,7 +3,7 @@
 //
 //   r PORT BYTES    the platform's bytes of one receive, as they are
 //   k PORT TYPE SIZE TEXT  a pack: its command type, a fault of its length (0 is none), payload
-//   h PORT REFUSALS TEXT  the platform hangs up, refuses so often to be called again, then says
+//   h PORT REFUSALS TEXT  the platform hangs up, refuses some calls (a bit for each), then says
 //   b TEXT          a pack of this payload is built and read again
 //   l HIGH LOW      a pack of so many bytes of payload is sent
 #include <array>
@@ -162,12 +162,13 @@ class Receiver {
         world::at(connections_[port]).incoming.push_back({bytes, {}, false});
         said_[port] = said_[port] || !bytes.empty();
     }
-    void hang_up(PortIndex port, int refusals, const std::string& then) {
+    void hang_up(PortIndex port, unsigned refusals, const std::string& then) {
         world::at(connections_[port]).is_hung_up = true;
-        world::refuse_connections(refusals);
-        world::on_socket([then] {
+        world::fail_next(world::Call::connect, refusals & 15U);
+        world::fail_next(world::Call::socket, refusals >> 4);
+        world::on_socket([then](int fd) {
             if (!then.empty())
-                world::at(world::next_descriptor() - 1).incoming.push_back({then, {}, false});
+                world::at(fd).incoming.push_back({then, {}, false});
         });
         said_.fill(true);  // whoever is called first
     }
@@ -215,7 +216,7 @@ class Receiver {
 
 void hang_up(Receiver& receiver, FuzzInput& input) {
     const auto port = static_cast<PortIndex>(input.byte() % kPortCount);
-    const int refusals = input.byte() % 4;
+    const unsigned refusals = input.byte();
     receiver.hang_up(port, refusals, input.text());
 }
 

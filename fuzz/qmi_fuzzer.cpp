@@ -212,7 +212,7 @@ void request(uint32_t data_len, const std::string& text, const std::string& answ
     HOLDS(get_client_info()->clnt == &client);
     const bool has_failed = response.resp.result == QMI_RESULT_FAILURE_V01;
     if (!is_sound) {
-        HOLDS(has_failed || response.data_len == 0 || socket_fd >= 0);
+        HOLDS(has_failed || socket_fd >= 0);
         return;
     }
     if (data_len > sizeof record->data) {
@@ -265,13 +265,15 @@ void step(FuzzInput& input) {
             if (socket_fd >= 0)
                 close(socket_fd);
             socket_fd = -1;
-            const int failures = input.byte() % 2;
-            world::fail_sockets(failures);
-            if (failures == 0 && udp_socket_init() == 0)
+            const unsigned calls = input.byte();
+            world::fail_next(world::Call::socket, calls & 1U);
+            world::fail_next(world::Call::setsockopt, calls >> 1 & 1U);
+            if ((calls & 3U) == 0 && udp_socket_init() == 0)
                 world::at(socket_fd).fault =
                     static_cast<world::Fault>(input.byte() % world::kFaults);
             request(4, "AT\r", input.text(), false);
-            world::fail_sockets(0);
+            world::fail_next(world::Call::socket, 0);
+            world::fail_next(world::Call::setsockopt, 0);
             if (socket_fd >= 0)
                 close(socket_fd);
             socket_fd = -1;

@@ -1,5 +1,6 @@
 // Datagrams to the UDP AT server: its thread's whole loop into the engine, and the answers back to
-// the client. Input: how many sockets cannot be made, then pieces of a letter and what belongs:
+// the client. Input: which sockets cannot be made or bound (a bit for each use), then
+// pieces of a letter and what belongs to it:
 //
 //   d CLIENT TEXT   a datagram of one of eight clients: four addresses, two ports
 //   D CLIENT TEXT   the same, the text repeated beyond what is received of it
@@ -68,7 +69,8 @@ class Server {
         store_shared(g_client_ate_status, kEchoOn);
         store_shared(g_vexa_pcie_enabled, 0);
         g_at_buf_cache[static_cast<int>(InputSource::udp_server)].clear();
-        failures_ = input.byte() % 4;
+        failing_sockets_ = input.byte();
+        failing_binds_ = input.byte() & 7U;
         read(input);
     }
     ~Server() {
@@ -93,7 +95,8 @@ class Server {
     int host_ = -1;
     int cp_ = -1;
     int platform_ = -1;
-    int failures_ = 0;
+    unsigned failing_sockets_ = 0;
+    unsigned failing_binds_ = 0;
     std::size_t long_ones_ = 0;
 };
 
@@ -150,15 +153,23 @@ void Server::serve() {
     thread_info_t record = {kUsbAtPortPath, kAtChannelPath, &usb_atport_fd,
                             &mdm_atport_fd, &from_mutex,    &mdm_atport_mutex,
                             nullptr,        nullptr,        0};
-    world::fail_sockets(failures_);
-    const int receiving = world::next_descriptor();
-    world::on_socket([this, receiving] {
+    world::fail_next(world::Call::socket, failing_sockets_);
+    world::fail_next(world::Call::bind, failing_binds_);
+    int receiving = -1;
+    world::on_bind([this, &receiving](int fd) {
+        receiving = fd;
         for (const world::Message& datagram : service_.datagrams)
-            world::at(receiving).incoming.push_back(datagram);
+            world::at(fd).incoming.push_back(datagram);
     });
     world::on_wait([this] { answer_as_cp(); });
     const world::End end = world::run([&] { remote_udp_data_handler(&record); });
-    HOLDS(end == world::End::starved);
+    HOLDS(world::is_free(&mdm_atport_mutex) && world::is_free(&usb_atport_mutex));
+    if (end == world::End::returned) {  // it could not make a socket for answers
+        HOLDS(failing_sockets_ != 0);
+        HOLDS(load_shared(g_loc_udp_at_server_send_socket) == -1);
+        g_is_overlong = true;
+        return;
+    }
     HOLDS(world::at(receiving).incoming.empty());
     for (const world::Message& datagram : service_.datagrams)
         if (!datagram.is_silence && !datagram.bytes.empty())
@@ -168,7 +179,6 @@ void Server::serve() {
     HOLDS(load_shared(g_at_over_sokcet_enable) == (service_.is_served ? 1 : 0));
     const LockedText& line = g_at_buf_cache[static_cast<int>(InputSource::udp_server)];
     HOLDS(line.length() == 0 || plain::is_legal({line.text(), line.length()}));
-    HOLDS(world::is_free(&mdm_atport_mutex) && world::is_free(&usb_atport_mutex));
 }
 
 // One receive and one send with arguments that nobody should give.

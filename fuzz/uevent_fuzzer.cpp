@@ -108,8 +108,7 @@ int releases() {
 void follow(const std::vector<std::string>& datagrams) {
     sem_init(&g_mhi_monitor_semaphore, 0, 0);
     store_shared(g_mhi_ctrl_state, VEXA_MHI_CTRL_UNKNOWN);
-    const int fd = world::next_descriptor();
-    world::on_socket([fd, &datagrams] {
+    world::on_bind([&datagrams](int fd) {
         for (const std::string& datagram : datagrams)
             world::at(fd).incoming.push_back({datagram, {}, false});
     });

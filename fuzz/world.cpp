@@ -30,11 +30,11 @@ constexpr int64_t kLongestWaitNs = 10'000 * kNsInMs;
 struct State {
     std::vector<Descriptor> descriptors;
     std::function<void()> reader;
-    std::function<void()> after_socket;
+    std::function<void(int)> after_socket;
+    std::function<void(int)> after_bind;
     int64_t now_ns = kStartNs;
     int64_t answer_ns = 0;
-    int sockets_to_fail = 0;
-    int connections_to_refuse = 0;
+    std::array<unsigned, kCalls> failing_uses{};
     int idle_polls = 0;
     bool can_leave = false;
     sigjmp_buf leave;
@@ -56,6 +56,13 @@ bool is_ours(int fd) {
     if (!state().can_leave)
         fail(__FILE__, __LINE__, "a wait for input, or a stop, where none is expected");
     siglongjmp(state().leave, static_cast<int>(why));
+}
+
+bool takes_failure(Call call) {
+    unsigned& uses = state().failing_uses[static_cast<std::size_t>(call)];
+    const bool fails = (uses & 1) != 0;
+    uses >>= 1;
+    return fails;
 }
 
 int refuse(int error) {
@@ -141,10 +148,10 @@ Run::Run() {
     now.descriptors.reserve(kMostDescriptors);  // references stay valid
     now.reader = nullptr;
     now.after_socket = nullptr;
+    now.after_bind = nullptr;
     now.now_ns = kStartNs;
     now.answer_ns = 0;
-    now.sockets_to_fail = 0;
-    now.connections_to_refuse = 0;
+    now.failing_uses = {};
     now.idle_polls = 0;
     now.can_leave = false;
     t_is_inside = true;
@@ -166,8 +173,12 @@ int next_descriptor() {
     return kFirstDescriptor + static_cast<int>(state().descriptors.size());
 }
 
-void on_socket(std::function<void()> then) {
+void on_socket(std::function<void(int)> then) {
     state().after_socket = std::move(then);
+}
+
+void on_bind(std::function<void(int)> then) {
+    state().after_bind = std::move(then);
 }
 
 Descriptor& at(int fd) {
@@ -182,12 +193,8 @@ void advance_ms(int64_t ms) {
     state().now_ns += ms * kNsInMs;
 }
 
-void fail_sockets(int count) {
-    state().sockets_to_fail = count;
-}
-
-void refuse_connections(int count) {
-    state().connections_to_refuse = count;
+void fail_next(Call call, unsigned uses) {
+    state().failing_uses[static_cast<std::size_t>(call)] = uses;
 }
 
 void on_wait(std::function<void()> reader) {
@@ -307,33 +314,36 @@ int __wrap_shutdown(int fd, int how) {
 int __wrap_socket(int domain, int type, int protocol) {
     if (!t_is_inside)
         return __real_socket(domain, type, protocol);
-    if (state().sockets_to_fail > 0) {
-        --state().sockets_to_fail;
+    if (world::takes_failure(world::Call::socket))
         return world::refuse(EMFILE);
-    }
     const int fd = world::open_descriptor();
     if (fd < 0)
         return world::refuse(EMFILE);
     if (state().after_socket)
-        std::exchange(state().after_socket, nullptr)();
+        std::exchange(state().after_socket, nullptr)(fd);
     return fd;
 }
 
 int __wrap_bind(int fd, const sockaddr* address, socklen_t size) {
-    return is_ours(fd) ? 0 : __real_bind(fd, address, size);
+    if (!is_ours(fd))
+        return __real_bind(fd, address, size);
+    if (world::takes_failure(world::Call::bind))
+        return world::refuse(EADDRINUSE);
+    if (state().after_bind)
+        std::exchange(state().after_bind, nullptr)(fd);
+    return 0;
 }
 
 int __wrap_connect(int fd, const sockaddr* address, socklen_t size) {
     if (!is_ours(fd))
         return __real_connect(fd, address, size);
-    if (state().connections_to_refuse == 0)
-        return 0;
-    --state().connections_to_refuse;
-    return world::refuse(ECONNREFUSED);
+    return world::takes_failure(world::Call::connect) ? world::refuse(ECONNREFUSED) : 0;
 }
 
 int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t size) {
-    return is_ours(fd) ? 0 : __real_setsockopt(fd, level, name, value, size);
+    if (!is_ours(fd))
+        return __real_setsockopt(fd, level, name, value, size);
+    return world::takes_failure(world::Call::setsockopt) ? world::refuse(ENOMEM) : 0;
 }
 
 int __wrap_poll(pollfd* entries, nfds_t count, int timeout_ms) {

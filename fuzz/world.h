@@ -54,16 +54,18 @@ class Run {
 };
 
 int open_descriptor();
-// What the next socket(2) gives, and what is done once it has.
+// What the next socket(2) gives. Once it has, or bind(2) was happy, this is done with it.
 int next_descriptor();
-void on_socket(std::function<void()> then);
+void on_socket(std::function<void(int)> then);
+void on_bind(std::function<void(int)> then);
 Descriptor& at(int fd);
 [[nodiscard]] bool is_open(int fd);
 
 void advance_ms(int64_t ms);
-// What socket(2) does next: so many failures, then descriptors.
-void fail_sockets(int count);
-void refuse_connections(int count);
+// Which of a call's next uses fail: a bit for each, the lowest for the first.
+enum class Call : uint8_t { socket, bind, setsockopt, connect };
+inline constexpr int kCalls = 4;
+void fail_next(Call call, unsigned uses);
 // Called in the middle of every wait for an answer, with the wait's mutex free, as a reader is.
 void on_wait(std::function<void()> reader);
 // How long the next waits take before they are woken; those beyond the deadline time out.
