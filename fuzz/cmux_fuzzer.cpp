@@ -7,9 +7,12 @@
 //   d ADDRESS CUTS TEXT  a payload as a UIH frame, cut into reads of 1 to 8 bytes
 //   p TENTHS        nothing comes for so long
 //   a DLC TEXT      an answer of the module
-//   g CUTS TEXTS    frames of the payloads (divided by a NUL) through the gatherer, glued and cut
+//   g CUTS TEXTS    frames of the payloads (divided by a NUL) through the gatherer: cut, glued,
+//   with
+//                   a flag for two, with junk between them
 //   w TEXT          byte stuffing of the advanced option
 //   n               the hang-up of the UART
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <string>
@@ -194,8 +197,17 @@ void Multiplexer::answer(uint8_t dlc, const std::string& text) {
     HOLDS(received == text);
 }
 
-// Frames that follow each other come out one by one, as they were put together.
+// Behind a closing flag: nothing that begins a frame, up to the next flag.
+std::string junk_of(std::string payload) {
+    payload.erase(std::remove(payload.begin(), payload.end(), '\xF9'), payload.end());
+    return " " + payload;
+}
+
+// Frames that follow each other come out one by one, as they were put together, and each run of
+// junk between them once, by its first byte.
 void gather(uint8_t cut, const std::string& payloads) {
+    const bool is_junk_between = (cut & 0x20) != 0;
+    const bool is_flag_shared = (cut & 0x40) != 0 && !is_junk_between;
     std::vector<std::string> frames;
     std::string wire;
     for (std::size_t at = 0; at <= payloads.size();) {
@@ -203,8 +215,11 @@ void gather(uint8_t cut, const std::string& payloads) {
         const std::string payload =
             payloads.substr(at, std::min<std::size_t>(end - at, kMuxMaxInformation));
         frames.push_back(plain::frame(0x0B, kUih, payload));
-        // A closing flag may serve as the next opening one.
-        wire += (cut & 0x40) != 0 && !wire.empty() ? frames.back().substr(1) : frames.back();
+        wire += is_flag_shared && !wire.empty() ? frames.back().substr(1) : frames.back();
+        if (is_junk_between) {
+            wire += junk_of(payload);
+            frames.emplace_back("\xF9 ");
+        }
         at = end + 1;
     }
     FrameGatherer gatherer;

@@ -11,7 +11,9 @@
 //   n SOURCE NULLS TEXT  a chunk, with some of the arguments null
 //   x MODE TEXT     a chunk in the name of no port
 
+#include <algorithm>
 #include <array>
+#include <cctype>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -127,6 +129,8 @@ class Engine {
     void feed_raw(const Source& source, std::string chunk);
     void forget_written();
     void check(const Source& source, const std::string& chunk, int mode, int result);
+    void check_mode(PortIndex port, const std::string& chunk, int mode) const;
+    void check_edit(const Source& source, const std::string& chunk) const;
     void check_command(PortIndex port, const std::string& chunk, bool was_echo_on);
     void check_silence(PortIndex port);
     void check_line(const Source& source);
@@ -141,6 +145,8 @@ class Engine {
     std::array<thread_info_t, kInputSourceCount> records_{};
     std::size_t bytes_ = 0;
     bool was_echo_on_ = true;
+    std::string line_before_;
+    bool changes_mode_in_wait_ = false;
 };
 
 void Engine::reset_settings() {
@@ -211,6 +217,7 @@ void Engine::set_line(uint8_t flags) {
 void Engine::set_wait() {
     world::answer_after_ms(int64_t{input_.byte()} * 100);
     const int mode = input_.byte() % 8;
+    changes_mode_in_wait_ = changes_mode_in_wait_ || mode != USB_PORT_ATCMD_MODE;
     world::on_wait([mode] {
         for (const PortRecord& port : g_ports) {
             HOLDS(world::is_free(&port.response_mutex));
@@ -316,6 +323,7 @@ void Engine::feed(const Source& source, std::string chunk, unsigned nulls) {
     area[chunk.size()] = '~';
     const int mode = load_shared(port.mode);
     was_echo_on_ = is_echo_on();
+    line_before_ = g_at_buf_cache[static_cast<int>(source.source)].text();
     thread_info_t record = records_[static_cast<std::size_t>(source.source)];
     const bool keeps_tinfo = (nulls & 1) == 0 || mode == USB_PORT_CMUX_MODE;
     const int result = common_input_atcmd_proc(
@@ -375,8 +383,10 @@ void Engine::check(const Source& source, const std::string& chunk, int mode, int
     for (const PortRecord& port : g_ports)
         if (port.index != source.port)
             check_silence(port.index);
+    check_mode(source.port, chunk, mode);
     switch (mode) {
         case USB_PORT_ATCMD_MODE:
+            check_edit(source, chunk);
             return check_command(source.port, chunk, was_echo_on_);
         case USB_PORT_SMS_MODE:
         case USB_PORT_PPP_MODE:
@@ -392,6 +402,34 @@ void Engine::check(const Source& source, const std::string& chunk, int mode, int
         default:
             HOLDS(to_cp.empty() && to_platform.empty() && result == 1);
     }
+}
+
+// The host ends SMS and PPP mode and begins the multiplexer's; all else is the readers'.
+void Engine::check_mode(PortIndex port, const std::string& chunk, int mode) const {
+    const int now = load_shared(g_ports[port].mode);
+    if (mode == USB_PORT_ATCMD_MODE) {
+        const bool may_multiplex = port == kUartPort && load_shared(g_uart_port_status) == 1;
+        HOLDS(now == mode || changes_mode_in_wait_ || (may_multiplex && now == USB_PORT_CMUX_MODE));
+        return;
+    }
+    std::string start = chunk.substr(0, 4);
+    std::transform(start.begin(), start.end(), start.begin(),
+                   [](unsigned char byte) { return std::toupper(byte); });
+    const bool is_hang_up = chunk == "+++" || (chunk.size() < 6 && start == "ATH\r");
+    const bool ends = (mode == USB_PORT_SMS_MODE && plain::ends_sms(chunk)) ||
+                      (mode == USB_PORT_PPP_MODE && is_hang_up);
+    HOLDS(now == (ends ? USB_PORT_ATCMD_MODE : mode));
+}
+
+// What a chunk makes of the line: shorter by a backspace, longer by the chunk, or gone.
+void Engine::check_edit(const Source& source, const std::string& chunk) const {
+    const std::string line = g_at_buf_cache[static_cast<int>(source.source)].text();
+    if (chunk == "\b")
+        HOLDS(line == line_before_.substr(0, std::max<std::size_t>(line_before_.size(), 1) - 1));
+    else
+        HOLDS(line.empty() || line == line_before_ + plain::until_nul(chunk));
+    HOLDS(line.empty() || chunk == "\b" ||
+          !plain::is_finished(line, load_shared(g_ats3_carriage_return_char)));
 }
 
 // Whatever goes out in command mode is the start of a command line, and text.
