@@ -4,6 +4,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -34,17 +35,26 @@ constexpr useconds_t kBeforeSignal = 1000;
 constexpr int kMhiWaitMs = 500;
 
 // A channel whose other end says no more is readable for ever and gives nothing. One empty read may
-// be an empty packet; from the second in a row on the reader looks once a second.
+// be an empty packet; from the second in a row on the reader looks less and less often, at last
+// once a second.
 class EmptyReads {
   public:
     void note(int length) {
-        if (length == 0 && was_empty_)
-            sleep(1);
-        was_empty_ = length == 0;
+        if (length != 0) {
+            in_a_row_ = 0;
+            return;
+        }
+        if (in_a_row_ > 0)
+            usleep(std::min(kFirstPause << in_a_row_, kLongestPause));
+        in_a_row_ = std::min(in_a_row_ + 1, kMostCounted);
     }
 
   private:
-    bool was_empty_ = false;
+    static constexpr useconds_t kFirstPause = 500;
+    static constexpr useconds_t kLongestPause = 1'000'000;
+    static constexpr int kMostCounted = 11;  // 500 us << 11 is over a second
+
+    int in_a_row_ = 0;
 };
 
 // What differs between the three GLINK members.

@@ -82,6 +82,14 @@ TEST_P(CoreReaders, MessagesOfAnySizeGoThroughWhole) {
     host().expect(std::string("\0a\0b", 4));
 }
 
+TEST_P(CoreReaders, EmptyPacketsAreNoAnswerAndTheNextOneArrives) {
+    for (int round = 0; round < 3; ++round) {
+        for (int empty = 0; empty < 5; ++empty) channel().send("");
+        channel().send("\r\n+CREG: 1\r\n");
+        host().expect("\r\n+CREG: 1\r\n");
+    }
+}
+
 TEST_P(CoreReaders, HostControlLinesReachTheModem) {
     host_device().set_modem_bits(0x47);
     host_device().raise(POLLPRI);
