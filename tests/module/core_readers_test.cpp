@@ -300,16 +300,16 @@ TEST_P(CoreReaders, WriterThatMeetsTheHangUpFirstDropsDtrAllTheSame) {
         channel().send("\r\n+CREG: 1\r\n");
         host().replug();
         wait_for_sets(channel_device(), time);
-        wait_for_host(time + 1);
+        // The writer may have closed a port that was reopened meanwhile; both are at rest when the
+        // writer waits for the next message and the port is served again.
+        module_.wait_for_log(std::string("Attempting to poll(") + names().log_name, time + 1);
+        module_.wait_until(
+            [&] {
+                return host_device().closes() == host_device().opens() - 1 &&
+                       host_device().is_served(time + 1);
+            },
+            "the host port");
     }
-    // The writer may have closed a port that was reopened meanwhile; both are at rest when the
-    // writer waits for the next message and the port is served again.
-    module_.wait_for_log(std::string("Attempting to poll(") + names().log_name, 21);
-    module_.wait_until(
-        [&] {
-            return host_device().closes() == host_device().opens() - 1 && host_device().is_served();
-        },
-        "the host port");
     channel().send("marker");
     host().expect_up_to("marker");
     EXPECT_EQ(channel_device().modem_sets(), 20);
