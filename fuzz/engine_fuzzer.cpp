@@ -21,6 +21,7 @@
 
 #include "at_engine.h"
 #include "descriptors.h"
+#include "engine_settings.h"
 #include "fuzz_input.h"
 #include "input_source.h"
 #include "line_settings.h"
@@ -150,17 +151,7 @@ class Engine {
 };
 
 void Engine::reset_settings() {
-    store_shared(g_ats3_carriage_return_char, 13);
-    store_shared(g_ats4_line_feed_char, 10);
-    store_shared(g_ats5_cmd_line_edit_char, 8);
-    store_shared(g_client_ate_status, kEchoOn);
-    store_shared(g_client_atv_status, 1);
-    store_shared(g_is_single_char_input, 0);
-    store_shared(g_is_cp_timeout_times, 0);
-    store_shared(g_uart_port_status, 0);
-    store_shared(g_qxdm_log, 0);
-    store_shared(g_vexa_pcie_enabled, 0);
-    store_shared(g_mhi_ctrl_state, VEXA_MHI_CTRL_UNKNOWN);
+    reset_engine_settings();
     store_shared(g_at_over_sokcet_enable, 0);
     store_shared(g_loc_udp_at_server_send_socket, -1);
     store_shared(g_mux_atcmd_dlc, uint8_t{0});

@@ -374,7 +374,7 @@ TEST_P(Engine, LivesThroughJunk) {
         own.to_platform();
         all_hosts();
     }
-    reset_settings();
+    reset_engine_settings();
     own.set_mode(USB_PORT_ATCMD_MODE);
     own.feed("\r");
     own.cp.messages();

@@ -15,6 +15,7 @@
 #include "at_engine.h"
 #include "descriptors.h"
 #include "dispatch.h"
+#include "engine_settings.h"
 #include "input_source.h"
 #include "line_settings.h"
 #include "mhi_monitor.h"
@@ -155,7 +156,7 @@ struct TestPort {
 class EngineFixture : public ::testing::Test {
   protected:
     EngineFixture() {
-        reset_settings();
+        reset_engine_settings();
         usb_fd = usb_modem.daemon_fd;
         usb_atport_fd = usb_at.daemon_fd;
         usb_atport_fd_pcie = -1;
@@ -167,24 +168,11 @@ class EngineFixture : public ::testing::Test {
     }
     ~EngineFixture() override {
         usb_fd = usb_atport_fd = usb_atport_fd_pcie = usb_uartport_fd = -1;
-        reset_settings();
+        reset_engine_settings();
     }
     EngineFixture(const EngineFixture&) = delete;
     EngineFixture& operator=(const EngineFixture&) = delete;
 
-    static void reset_settings() {
-        store_shared(g_ats3_carriage_return_char, 13);
-        store_shared(g_ats4_line_feed_char, 10);
-        store_shared(g_ats5_cmd_line_edit_char, 8);
-        store_shared(g_client_ate_status, kEchoOn);
-        store_shared(g_client_atv_status, 1);
-        store_shared(g_is_single_char_input, 0);
-        store_shared(g_is_cp_timeout_times, 0);
-        store_shared(g_uart_port_status, 0);
-        store_shared(g_qxdm_log, 0);
-        store_shared(g_vexa_pcie_enabled, 0);
-        store_shared(g_mhi_ctrl_state, VEXA_MHI_CTRL_UNKNOWN);
-    }
     TestPort& port(PortIndex index) {
         TestPort* const all[] = {&modem_port, &at_port, &uart_port};
         return *all[index];
