@@ -13,6 +13,8 @@ from pathlib import Path
 ROW = re.compile(
     r"^\|[^|]+\| `(?P<key>\w+)` \| (?P<budget>[\d.,]+) (?P<unit>[^|]*?) *\| (?P<slack>\d+) % \|"
 )
+# What means to be a row, so that a slip in one does not drop its budget.
+NAMED = re.compile(r"^\|[^|]*\|\s*`\w+`\s*\|")
 
 
 @dataclass(frozen=True)
@@ -33,6 +35,8 @@ def read_budgets(page: Path) -> list[Budget]:
         if row is not None:
             most = float(row["budget"].replace(",", ""))
             budgets.append(Budget(row["key"], most, row["unit"], int(row["slack"])))
+        elif NAMED.match(line):
+            sys.exit(f"{page}: a budget that cannot be read: {line}")
     return budgets
 
 
