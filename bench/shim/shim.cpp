@@ -23,6 +23,7 @@
 #include "device_state.h"
 #include "port_modes.h"
 #include "shim_parts.h"
+#include "shim_pauses.h"
 #include "shim_record.h"
 #include "shim_sockets.h"
 
@@ -125,6 +126,7 @@ bool is_socket(const char* path) {
 // `really` opens what is not a packet channel.
 template <typename Open>
 int open_device(const char* path, int flags, Open really) {
+    const bench::RandomPauses pauses;
     const int tag = device_tag(path);
     if (tag == kNoDevice) {
         const int fd = really();
@@ -297,6 +299,7 @@ ssize_t write_device(DeviceState& device, int fd, const void* buffer, std::size_
 __attribute__((constructor)) void enter() {
     unsetenv("LD_PRELOAD");  // shells and other children are none of the module's business
     bench::begin_recording();
+    bench::begin_pauses();
     setvbuf(stdout, nullptr, _IOLBF, 0);
     bench::find_modes();
     for (std::size_t index = 0; index < g_wake.size(); ++index) {
@@ -352,6 +355,7 @@ int openat(int folder, const char* path, int flags, ...) {
 }
 
 int close(int fd) {
+    const bench::RandomPauses pauses;
     if (DeviceState* device = device_of(fd)) {
         remember(fd, kNoDevice);
         ++device->closes;
@@ -417,6 +421,7 @@ int fcntl64(int fd, int command, ...) {
 }
 
 int poll(pollfd* fds, nfds_t count, int timeout) {
+    const bench::RandomPauses pauses;
     bench::publish_modes();
     if (g_state == nullptr || count > kMaxPolled || !has_device(fds, count)) {
         const int spoke = NEXT(poll)(fds, count, timeout);
@@ -435,6 +440,7 @@ int __poll_chk(pollfd* fds, nfds_t count, int timeout, std::size_t /*bytes*/) {
 }
 
 int ppoll(pollfd* fds, nfds_t count, const timespec* timeout, const sigset_t* mask) {
+    const bench::RandomPauses pauses;
     if (g_state == nullptr || count > kMaxPolled || !has_device(fds, count)) {
         return NEXT(ppoll)(fds, count, timeout, mask);
     }
@@ -450,6 +456,7 @@ int __ppoll_chk(pollfd* fds, nfds_t count, const timespec* timeout, const sigset
 }
 
 ssize_t read(int fd, void* buffer, std::size_t size) {
+    const bench::RandomPauses pauses;
     DeviceState* device = device_of(fd);
     if (device == nullptr) {
         return NEXT(read)(fd, buffer, size);
@@ -465,6 +472,7 @@ ssize_t __read_chk(int fd, void* buffer, std::size_t size, std::size_t /*bytes*/
 }
 
 ssize_t write(int fd, const void* buffer, std::size_t size) {
+    const bench::RandomPauses pauses;
     DeviceState* device = device_of(fd);
     if (device == nullptr) {
         return NEXT(write)(fd, buffer, size);

@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "shim_parts.h"
+#include "shim_pauses.h"
 #include "shim_record.h"
 
 namespace {
@@ -67,6 +68,7 @@ void bench::record_hang_ups(const pollfd* fds, nfds_t count) {
 extern "C" {
 
 int connect(int fd, const sockaddr* address, socklen_t size) {
+    const bench::RandomPauses pauses;
     if (!is_platform(address) || fd >= bench::kMaxDescriptors) {
         return NEXT(connect)(fd, address, size);
     }
@@ -81,6 +83,7 @@ int connect(int fd, const sockaddr* address, socklen_t size) {
 }
 
 ssize_t send(int fd, const void* bytes, std::size_t size, int flags) {
+    const bench::RandomPauses pauses;
     const bench::RecordedSend call;
     const ssize_t sent = NEXT(send)(fd, bytes, size, flags);
     if (const int connection = connection_of(fd)) {
@@ -90,6 +93,7 @@ ssize_t send(int fd, const void* bytes, std::size_t size, int flags) {
 }
 
 ssize_t recv(int fd, void* bytes, std::size_t size, int flags) {
+    const bench::RandomPauses pauses;
     const ssize_t got = NEXT(recv)(fd, bytes, size, flags);
     if (!bench::is_recording() || (flags & MSG_PEEK) != 0) {
         return got;
@@ -109,6 +113,7 @@ ssize_t __recv_chk(int fd, void* bytes, std::size_t size, std::size_t /*area*/, 
 
 ssize_t sendto(int fd, const void* bytes, std::size_t size, int flags, const sockaddr* to,
                socklen_t to_size) {
+    const bench::RandomPauses pauses;
     const bench::RecordedSend call;
     const ssize_t sent = NEXT(sendto)(fd, bytes, size, flags, to, to_size);
     if (bench::is_recording() && to_size >= sizeof(sockaddr_in) && to->sa_family == AF_INET) {
@@ -121,6 +126,7 @@ ssize_t sendto(int fd, const void* bytes, std::size_t size, int flags, const soc
 
 ssize_t recvfrom(int fd, void* bytes, std::size_t size, int flags, sockaddr* from,
                  socklen_t* from_size) {
+    const bench::RandomPauses pauses;
     const ssize_t got = NEXT(recvfrom)(fd, bytes, size, flags, from, from_size);
     if (!bench::is_recording() || (flags & MSG_PEEK) != 0) {
         return got;

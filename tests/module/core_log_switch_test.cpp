@@ -74,13 +74,16 @@ TEST(CoreLogSwitch, EveryRoadIsServedWhileMessagesGoToTheChannel) {
     const std::size_t before = module.log().size();
     for (int index = 0; index < 3; ++index) {
         converse(both, index);
-        const int opens = module.device(module.host_port(index).path()).opens();
+        DeviceControl port = module.device(module.host_port(index).path());
+        const int port_opens = port.opens();
         module.host_port(index).unplug();
         module.host_port(index).plug();
-        module.wait_until(
-            [&] { return module.device(module.host_port(index).path()).opens() > opens; },
-            "the port to be opened again");
+        module.wait_until([&] { return port.is_served(port_opens + 1); }, "the port again");
+        DeviceControl channel = module.device(module.channel(index).path());
+        const int channel_opens = channel.opens();
         module.channel(index).hang_up();
+        module.wait_until([&] { return channel.is_served(channel_opens + 1); },
+                          "the channel again");
         module.channel(index).wait_until_open();
         converse(both, index);
     }

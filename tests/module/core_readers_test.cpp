@@ -297,6 +297,7 @@ TEST_P(CoreReaders, ChannelThatIsAwayIsWaitedFor) {
 TEST_P(CoreReaders, WriterThatMeetsTheHangUpFirstDropsDtrAllTheSame) {
     // Answers are under way while the host leaves: whoever sees it first, DTR drops once.
     for (int time = 1; time <= 20; ++time) {
+        const int opens = host_device().opens();
         channel().send("\r\n+CREG: 1\r\n");
         host().replug();
         wait_for_sets(channel_device(), time);
@@ -306,7 +307,7 @@ TEST_P(CoreReaders, WriterThatMeetsTheHangUpFirstDropsDtrAllTheSame) {
         module_.wait_until(
             [&] {
                 return host_device().closes() == host_device().opens() - 1 &&
-                       host_device().is_served(time + 1);
+                       host_device().is_served(opens + 1);
             },
             "the host port");
     }
