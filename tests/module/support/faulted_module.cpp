@@ -49,6 +49,10 @@ void serve_for(Module& module, std::chrono::milliseconds time) {
     }
 }
 
+std::string end_of(const std::string& log) {
+    return log.substr(log.size() - std::min(log.size(), kLogShown));
+}
+
 // What a window of the daemon's time shows of spinning; empty: nothing.
 std::string spinning(Module& module) {
     const auto before = thread_cpu_ms(module.daemon_pid());
@@ -65,7 +69,7 @@ std::string spinning(Module& module) {
     const std::size_t log_grown = module.log_size() - log_before;
     if (log_grown > kMostLog) {
         signs += std::to_string(log_grown) + " bytes of log, which ends with\n" +
-                 module.log().substr(module.log_size() - kLogShown) + "\n";
+                 end_of(module.log()) + "\n";
     }
     return signs;
 }
