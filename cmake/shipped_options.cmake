@@ -1,5 +1,19 @@
 # How everything that ships is compiled and linked: hardened, and the same bytes from any folder.
 add_library(vexa_shipped INTERFACE)
+
+# For programs that need no shared library when VEXA_STATIC is on: position-independent where the C
+# library has the start code of such a program.
+add_library(vexa_statically INTERFACE)
+if(VEXA_STATIC)
+    execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=rcrt1.o
+                    OUTPUT_VARIABLE static_pie_start OUTPUT_STRIP_TRAILING_WHITESPACE)
+    if(EXISTS ${static_pie_start})
+        target_link_options(vexa_statically INTERFACE -static-pie)
+    else()
+        target_link_options(vexa_statically INTERFACE -static)
+    endif()
+endif()
+
 if(VEXA_FUZZ)
     return()  # the coverage of a fuzzer is told by real paths
 endif()

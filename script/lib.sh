@@ -15,9 +15,9 @@ jobs_wanted() { echo "${VEXA_JOBS:-$(nproc)}"; }
 
 known_preset() {
     case "$1" in
-        host | asan | tsan | fuzz | coverage | armv7 | armv7-static) ;;
+        host | asan | tsan | fuzz | coverage | static | armv7 | armv7-static) ;;
         *)
-            say "unknown preset '$1'; one of: host asan tsan fuzz coverage armv7 armv7-static"
+            say "unknown preset '$1'; one of: host asan tsan fuzz coverage static armv7 armv7-static"
             exit 2
             ;;
     esac

@@ -65,4 +65,22 @@ TEST_F(PlainPtys, AbsentModemChannelsAreTriedAgainAndEndNothing) {
     EXPECT_TRUE(module_.daemon_runs());
 }
 
+// On this target the modem port's counterpart is the pipe, which is a pty like any other.
+TEST(PlainPipe, CarriesTheModemsCommandsAndAnswers) {
+    ModuleOptions options = without_shim();
+    options.target = 24;
+    options.ready_devices = {"/dev/at_usb0", "/dev/mhi_pipe_32"};
+    options.wait_until_ready = true;
+    options.start = true;
+    Module module(options);
+    module.pcie_pipe().write("\r\n+CREG: 1\r\n");
+    module.modem_port().expect("\r\n+CREG: 1\r\n");
+    // One command: nobody signals the engine's wait for its answer on this target.
+    module.modem_port().write("AT+CFUN?\r");
+    module.pcie_pipe().expect("AT+CFUN?\r");
+    module.pcie_pipe().write("\r\n+CFUN: 1\r\n\r\nOK\r\n");
+    module.modem_port().expect_up_to("+CFUN: 1\r\n\r\nOK\r\n");
+    EXPECT_TRUE(module.daemon_runs());
+}
+
 }  // namespace

@@ -1,7 +1,6 @@
 // Line settings of the UART, as they reach the terminal driver.
 #include "serial_line.h"
 
-#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pty.h>
@@ -29,13 +28,13 @@ thread_local RecordedSettings* RecordedSettings::t_current = nullptr;
 
 }  // namespace
 
-// Takes the place of the C library's for the whole program; every other caller gets that one.
-extern "C" int tcsetattr(int fd, int action, const termios* settings) noexcept {
+extern "C" int __real_tcsetattr(int fd, int action, const termios* settings);
+
+// The linker leads the program's calls here (--wrap).
+extern "C" int __wrap_tcsetattr(int fd, int action, const termios* settings) {
     RecordedSettings* recorded = RecordedSettings::t_current;
     if (recorded == nullptr) {
-        using Function = int (*)(int, int, const termios*);
-        static const auto original = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "tcsetattr"));
-        return original(fd, action, settings);
+        return __real_tcsetattr(fd, action, settings);
     }
     recorded->action = action;
     recorded->settings = *settings;

@@ -14,8 +14,10 @@ class LogSink : public testing::EmptyTestEventListener {
 };
 
 [[gnu::constructor]] void log_where_told() {
-    if (std::getenv("VEXA_TEST_LOG_TO_DIAG") != nullptr)
-        testing::UnitTest::GetInstance()->listeners().Append(new LogSink);
+    if (std::getenv("VEXA_TEST_LOG_TO_DIAG") == nullptr)
+        return;
+    setenv("VEXA_DIAG_LOG", "/dev/null", 0);  // without it the stand-in formats nothing
+    testing::UnitTest::GetInstance()->listeners().Append(new LogSink);
 }
 
 }  // namespace

@@ -10,10 +10,12 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <termios.h>
 
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 
@@ -32,6 +34,7 @@ constexpr auto kRound = 2ms;
 constexpr auto kEndDeadline = 20s;
 constexpr std::size_t kLogTail = 6000;
 
+constexpr std::size_t kUartIndex = 2;
 constexpr std::array kHostPaths{"/dev/at_usb0", "/dev/at_usb1", "/dev/ttyMSM1", "/dev/mhi_pipe_32"};
 // What the daemon opens on a target of USB.
 constexpr std::array kUsbDevices{"/dev/at_usb0", "/dev/at_usb1", "/dev/ttyMSM1",
@@ -84,6 +87,26 @@ bool has_udp_server(int pid) {
     return false;
 }
 
+speed_t line_speed(int fd) {
+    termios settings{};
+    return tcgetattr(fd, &settings) == 0 ? cfgetospeed(&settings) : B0;
+}
+
+// A daemon without the shim finds ptys alone.
+ModuleOptions without_shim_if_static(ModuleOptions options) {
+    if (daemon_has_shim()) {
+        return options;
+    }
+    options.absent.insert(options.absent.end(), kChannelPaths.begin(), kChannelPaths.end());
+    if (options.ready_devices.empty()) {
+        options.ready_devices.assign(kUsbDevices.begin(), kUsbDevices.end());
+    }
+    std::erase_if(options.ready_devices, [](const std::string& path) {
+        return std::find(kChannelPaths.begin(), kChannelPaths.end(), path) != kChannelPaths.end();
+    });
+    return options;
+}
+
 int count_of(std::string_view text, std::string_view all) {
     int count = 0;
     for (auto at = all.find(text); at != all.npos; at = all.find(text, at + 1)) {
@@ -95,7 +118,7 @@ int count_of(std::string_view text, std::string_view all) {
 }  // namespace
 
 Module::Module(ModuleOptions options)
-    : options_(std::move(options)),
+    : options_(without_shim_if_static(std::move(options))),
       log_(memfd_create("daemon log", MFD_CLOEXEC)),
       programs_log_(memfd_create("programs log", MFD_CLOEXEC)) {
     for (const char* path : kHostPaths) {
@@ -198,9 +221,33 @@ void Module::wait_until_ready(Here here) {
         needed.assign(kUsbDevices.begin(), kUsbDevices.end());
     }
     for (const std::string& path : needed) {
-        wait_until([&] { return device(path).polls() > 0; }, path + " to be served", here);
+        wait_until([&] { return is_served(path); }, path + " to be served", here);
     }
     wait_until([&] { return serves_udp(); }, "the UDP server", here);
+}
+
+bool Module::is_served(const std::string& path) {
+    return daemon_has_shim() ? device(path).polls() > 0 : is_open_plainly(path);
+}
+
+bool Module::is_open_plainly(const std::string& path) const {
+    // The UART is emptied and set up once it is open; what is written sooner would be lost.
+    if (path == host_ports_[kUartIndex]->path() &&
+        line_speed(host_ports_[kUartIndex]->slave_fd()) != B115200) {
+        return false;
+    }
+    struct stat wanted {};
+    if (stat(space_.outside(path).c_str(), &wanted) != 0) {
+        return false;
+    }
+    const std::string folder = "/proc/" + std::to_string(daemon_.outer_pid) + "/fd";
+    std::error_code gone;
+    const std::filesystem::directory_iterator descriptors(folder, gone);
+    return std::any_of(begin(descriptors), end(descriptors), [&](const auto& descriptor) {
+        struct stat found {};
+        return stat(descriptor.path().c_str(), &found) == 0 && S_ISCHR(found.st_mode) &&
+               found.st_rdev == wanted.st_rdev;
+    });
 }
 
 bool Module::has_all_ports_open() {
@@ -228,6 +275,9 @@ int Module::count_threads() const {
 }
 
 DeviceControl Module::device(const std::string& path) {
+    if (!daemon_has_shim()) {
+        fail("this test wants the shim, and " + path + " has no words without it", Here::current());
+    }
     for (std::size_t index = 0; index < bench::kDevicePaths.size(); ++index) {
         if (bench::kDevicePaths[index] == path) {
             return {space_, index};

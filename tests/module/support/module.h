@@ -85,6 +85,8 @@ class Module {
     // Whether the USB target's host ports and modem channels are open and UDP is served.
     bool has_all_ports_open();
     bool serves_udp() const;
+    // Once open; a daemon that has the shim polls it, too.
+    bool is_served(const std::string& path);
     // Waits for the daemon to end by itself: its exit status, or 128 + signal number.
     int daemon_exit_status(Here here = Here::current());
     bool daemon_runs() const { return daemon_.pid > 0 && !daemon_status_; }
@@ -127,6 +129,7 @@ class Module {
     friend class HostPort;
     friend class ModemChannel;
     void lay_devices(const ModuleOptions& options);
+    bool is_open_plainly(const std::string& path) const;
     void take_exits();
     void play_modem();
     int poll_time(std::chrono::milliseconds at_most) const;

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <sstream>
 #include <string>
+#include <string_view>
 
 bench::SpawnRequest tested_daemon() {
     bench::SpawnRequest request;
@@ -17,4 +18,9 @@ bench::SpawnRequest tested_daemon() {
     request.command = {folder + "/vexa_at_client"};
     request.environment["LD_PRELOAD"] = folder + "/lib/libvexa_shim.so";
     return request;
+}
+
+bool daemon_has_shim() {
+    const char* named = std::getenv("VEXA_TEST_DAEMON");
+    return named == nullptr || std::string_view(named).find("libvexa_shim.so") != std::string::npos;
 }

@@ -8,3 +8,6 @@
 
 // The daemon with the shim preloaded; the output and the rest of the environment are the caller's.
 bench::SpawnRequest tested_daemon();
+
+// A static program preloads nothing: no device has words then, and no modem channel can be made.
+bool daemon_has_shim();
