@@ -20,11 +20,11 @@ std::string answer_as_platform(const bench::PlatformRequest& /*request*/) {
 
 }  // namespace
 
-Traffic::Traffic(Module& module) : module_(module), platform_(module) {
-    platform_.answer = answer_as_platform;
-}
+MixedTraffic::MixedTraffic(ModuleWithPlatform& both)
+    : module_(both.module), platform_(both.platform) {}
 
-void Traffic::run_to(int commands) {
+void MixedTraffic::run_to(int commands) {
+    platform_.answer = answer_as_platform;
     platform_.wait_until_connected();
     int log_dropped = 0;
     while (!all_answered(commands)) {
@@ -43,7 +43,7 @@ void Traffic::run_to(int commands) {
     }
 }
 
-void Traffic::answer_as_modem() {
+void MixedTraffic::answer_as_modem() {
     for (int index = 0; index < 3; ++index) {
         ModemChannel& channel = module_.channel(index);
         if (!channel.received().empty()) {
@@ -53,7 +53,7 @@ void Traffic::answer_as_modem() {
     }
 }
 
-void Traffic::type(int index) {
+void MixedTraffic::type(int index) {
     Port& port = ports_[static_cast<std::size_t>(index)];
     if (port.waits) {
         return;
@@ -63,7 +63,7 @@ void Traffic::type(int index) {
     module_.host_port(index).write(kCommands[turn % kCommands.size()]);
 }
 
-void Traffic::take_answer(int index) {
+void MixedTraffic::take_answer(int index) {
     Port& port = ports_[static_cast<std::size_t>(index)];
     HostPort& host = module_.host_port(index);
     if (port.waits && host.received().ends_with(kEnd)) {
@@ -73,7 +73,7 @@ void Traffic::take_answer(int index) {
     }
 }
 
-bool Traffic::all_answered(int commands) const {
+bool MixedTraffic::all_answered(int commands) const {
     return std::all_of(ports_.begin(), ports_.end(),
                        [&](const Port& port) { return port.answered >= commands; });
 }

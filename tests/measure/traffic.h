@@ -1,5 +1,5 @@
-// Commands on the three host ports at once, each answered by the modem or by the app platform, one
-// after the other on a port.
+// Commands of every kind on the three host ports at once, each answered by the modem or by the app
+// platform, one after the other on a port.
 #pragma once
 
 #include <array>
@@ -8,9 +8,9 @@
 #include "fake_platform.h"
 #include "module.h"
 
-class Traffic {
+class MixedTraffic {
   public:
-    explicit Traffic(Module& module);
+    explicit MixedTraffic(ModuleWithPlatform& both);
 
     // Until every port has had this many commands answered since the start.
     void run_to(int commands);
@@ -27,6 +27,6 @@ class Traffic {
     bool all_answered(int commands) const;
 
     Module& module_;
-    FakePlatform platform_;
+    FakePlatform& platform_;
     std::array<Port, 3> ports_;
 };

@@ -6,11 +6,15 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "daemon_figures.h"
+#include "more_roads.h"
+#include "pcie_module.h"
 #include "traffic.h"
 
 namespace {
@@ -20,11 +24,15 @@ using Clock = std::chrono::steady_clock;
 
 constexpr auto kIdle = 10s;
 constexpr int kWarmUp = 1000;
+constexpr int kBlock = 250;  // commands between looks at the log
 constexpr int kStarts = 9;
 constexpr int kMhiMainPairTarget = 24;
+constexpr int kModemPortIndex = 0;
+constexpr int kUartIndex = 2;
+constexpr int kPipeIndex = 3;
 
-void print(const char* name, double value) {
-    printf("%s %.6g\n", name, value);
+void print(const std::string& name, double value) {
+    printf("%s %.6g\n", name.c_str(), value);
     fflush(stdout);
 }
 
@@ -75,24 +83,94 @@ void measure_start() {
     print("start_worst_ms", times.back());
 }
 
-void measure_traffic(int commands) {
-    Module module;
-    Traffic traffic(module);
-    traffic.run_to(kWarmUp);
+// One start's roads: carries so many more commands on each.
+using Carry = std::function<void(int)>;
+
+// What a number of commands on every road of a start takes of memory, and whether more of them take
+// more.
+void measure_memory(Module& module, const std::string& start, int commands, const Carry& carry) {
+    fprintf(stderr, "vexa-measure: %s, %d commands on every road\n", start.c_str(), commands);
+    carry(kWarmUp);
     std::this_thread::sleep_for(1s);
     const long dirty = private_dirty_kib(module.daemon_pid());
-    print("private_dirty_kib", static_cast<double>(dirty));
+    print("private_dirty_" + start + "_kib", static_cast<double>(dirty));
     const auto begin = Clock::now();
-    traffic.run_to(commands);
+    carry(commands - kWarmUp);
     const double seconds = std::chrono::duration<double>(Clock::now() - begin).count();
     std::this_thread::sleep_for(1s);
     const long later = private_dirty_kib(module.daemon_pid());
-    print("commands", commands);
-    print("ms_a_command", seconds * 1000 / (commands - kWarmUp));
-    print("private_dirty_later_kib", static_cast<double>(later));
-    print("growth_kib", static_cast<double>(later - dirty));
-    const Wakeups wakeups = idle_wakeups(module.daemon_pid());
+    print("growth_" + start + "_kib", static_cast<double>(later - dirty));
+    print("ms_a_command_" + start, seconds * 1000 / (commands - kWarmUp));
+}
+
+void carry_numbered(Module& module, NumberedTraffic& traffic, int commands) {
+    for (int left = commands; left > 0; left -= kBlock) {
+        traffic.run(std::min(left, kBlock));
+        module.drop_log();
+    }
+    traffic.settle();
+}
+
+void expect_none_lost(const NumberedTraffic& traffic) {
+    const TrafficCounts counts = traffic.total();
+    if (counts.losses != 0 || counts.misroutes != 0) {
+        throw std::runtime_error("not every command was answered:\n" + traffic.complaints());
+    }
+}
+
+void print_stacks(int pid) {
+    const auto [least, most] = stacks_dirty_kib(pid);
+    print("stack_least_kib", static_cast<double>(least));
+    print("stack_most_kib", static_cast<double>(most));
+}
+
+// The three host ports with every kind of command, then a client of the UDP server.
+void measure_usb(int commands) {
+    ModuleWithPlatform both;
+    MixedTraffic ports(both);
+    int carried = 0;
+    measure_memory(both.module, "usb", commands, [&](int more) {
+        ports.run_to(carried += more);
+        NumberedTraffic udp(both.module, both.platform);
+        udp.add(udp_road(both.module));
+        carry_numbered(both.module, udp, more);
+        expect_none_lost(udp);
+    });
+    print_stacks(both.module.daemon_pid());
+    const Wakeups wakeups = idle_wakeups(both.module.daemon_pid());
     print("idle_usb_wakeups", static_cast<double>(wakeups.of_all));
+}
+
+// The UART as a multiplexer, its two channels in use, beside the other host ports and UDP.
+void measure_multiplexer(int commands) {
+    ModuleWithPlatform both;
+    MuxLink link(both.module);
+    open_both_channels(both.module, link);
+    NumberedTraffic traffic(both.module, both.platform);
+    traffic.add(mux_road(link));
+    traffic.add(modem_beside_mux_road(both.module, link));
+    traffic.add_host_port(1);
+    traffic.add(udp_road(both.module));
+    measure_memory(both.module, "mux", commands,
+                   [&](int more) { carry_numbered(both.module, traffic, more); });
+    expect_none_lost(traffic);
+    const Wakeups wakeups = idle_wakeups(both.module.daemon_pid());
+    print("idle_mux_wakeups", static_cast<double>(wakeups.of_all));
+}
+
+// The modem port, the pipe in the AT port's place, and the UART.
+void measure_pcie(int commands) {
+    ModuleWithPlatform both(pcie_options());
+    MhiLink link(both.module);
+    link.connect();
+    both.module.wait_until([&] { return both.module.device(kMhiPipe).is_served(); }, "the pipe");
+    NumberedTraffic traffic(both.module, both.platform);
+    for (const int port : {kModemPortIndex, kUartIndex, kPipeIndex}) {
+        traffic.add_host_port(port);
+    }
+    measure_memory(both.module, "pcie", commands,
+                   [&](int more) { carry_numbered(both.module, traffic, more); });
+    expect_none_lost(traffic);
 }
 
 void measure_idle_mhi() {
@@ -119,14 +197,16 @@ void measure_idle_without_platform() {
 int main(int argc, char** argv) {
     const int commands = argc == 2 ? atoi(argv[1]) : 0;
     if (commands <= kWarmUp) {
-        fprintf(stderr, "usage: vexa-measure COMMANDS    (per port, more than %d)\n", kWarmUp);
+        fprintf(stderr, "usage: vexa-measure COMMANDS    (on every road, more than %d)\n", kWarmUp);
         return 2;
     }
     try {
         measure_start();
         measure_idle_mhi();
         measure_idle_without_platform();
-        measure_traffic(commands);
+        measure_usb(commands);
+        measure_multiplexer(commands);
+        measure_pcie(commands);
     } catch (const std::exception& error) {
         fprintf(stderr, "vexa-measure: %s\n", error.what());
         return 1;

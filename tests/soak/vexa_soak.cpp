@@ -115,16 +115,11 @@ void Soak::run_phase(const char* name) {
     growth_.descriptors += after.descriptors - before.descriptors;
 }
 
-// For good. From here on the modem's answers on the modem port's channel belong to the dial
-// channel.
+// For good.
 void Soak::begin_multiplexing() {
     traffic_.pause("uart");
     traffic_.pause("modem");
-    (void)mux_.open();
-    (void)mux_.send(bench::kMuxDialChannel, "ATD*99#\r");
-    module_.modem_channel().expect("ATD*99#\r");
-    module_.modem_channel().send("\r\nNO CARRIER\r\n");
-    (void)mux_.expect(bench::kMuxDialChannel, "\r\nNO CARRIER\r\n");
+    open_both_channels(module_, mux_);
     traffic_.add(mux_road(mux_));
     traffic_.add(modem_beside_mux_road(module_, mux_));
 }

@@ -2,9 +2,13 @@
 #pragma once
 
 #include <map>
+#include <utility>
 
 // In KiB: pages of its own that it has written to.
 long private_dirty_kib(int pid);
+
+// The same of the threads' stacks alone, the main thread's left out: the least and the most of one.
+std::pair<long, long> stacks_dirty_kib(int pid);
 
 // Voluntary context switches of each thread: every wait that ended counts one.
 std::map<int, long> voluntary_switches(int pid);

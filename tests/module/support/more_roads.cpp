@@ -51,6 +51,14 @@ Road udp_road(Module& module) {
             .take = [client] { return take_datagrams(client->fd()); }};
 }
 
+void open_both_channels(Module& module, MuxLink& link) {
+    (void)link.open();
+    (void)link.send(bench::kMuxDialChannel, "ATD*99#\r");
+    module.modem_channel().expect("ATD*99#\r");
+    module.modem_channel().send("\r\nNO CARRIER\r\n");
+    (void)link.expect(bench::kMuxDialChannel, "\r\nNO CARRIER\r\n");
+}
+
 Road mux_road(MuxLink& link) {
     return {
         .name = "mux",

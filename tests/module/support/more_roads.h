@@ -9,6 +9,9 @@
 
 // A client of the daemon's UDP server.
 Road udp_road(Module& module);
+// Makes the UART a multiplexer and uses its dial channel: from then on the modem's answers on the
+// modem port's channel belong there.
+void open_both_channels(Module& module, MuxLink& link);
 // The UART after it became a multiplexer; the link lives longer than the road.
 Road mux_road(MuxLink& link);
 // The modem port while the UART is a multiplexer: the platform answers there, the modem on the dial
