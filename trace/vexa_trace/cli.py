@@ -10,6 +10,7 @@ from collections.abc import Callable, Sequence
 from typing import NoReturn
 
 from .conversation import Conversation, View
+from .progress import Progress
 from .recording import CP_CHANNELS, HOST_PORTS, Recording, RecordingError, read_file
 from .report import Report
 from .wording import Paint, printable
@@ -98,10 +99,10 @@ def _warn(text: str) -> None:
     print(f"trace: {printable(text)}", file=sys.stderr)
 
 
-def _read(options: argparse.Namespace) -> Recording:
+def _read(options: argparse.Namespace, progress: Progress) -> Recording:
     path = "/dev/stdin" if options.file == "-" else options.file
     if not options.from_log:
-        return read_file(path)
+        return read_file(path, progress)
     from .from_log import read_log  # here and below: what only some options need
 
     return read_log(path)
@@ -116,7 +117,9 @@ def _tell_faults(recording: Recording, path: str) -> None:
         _warn(f"{path}: has no end line (still running, or stopped): shown as far as it goes")
 
 
-def _written(write: Callable[[Recording, str], object], recording: Recording, out: str) -> bool:
+def _written(write: Callable[[Recording, str], object], recording: Recording, out: str,
+             progress: Progress) -> bool:
+    progress.begin(f"writing {printable(out)}")
     try:
         write(recording, out)
     except BrokenPipeError:
@@ -124,19 +127,21 @@ def _written(write: Callable[[Recording, str], object], recording: Recording, ou
     except OSError as error:
         _warn(f"{out}: {error.strerror}")
         return False
+    finally:
+        progress.end()
     return True
 
 
-def _write_files(options: argparse.Namespace, recording: Recording) -> int:
+def _write_files(options: argparse.Namespace, recording: Recording, progress: Progress) -> int:
     is_done = True
     if options.html:
         from .html import write_page
 
-        is_done = _written(write_page, recording, options.html)
+        is_done = _written(write_page, recording, options.html, progress)
     if options.pcap:
         from .pcap import write_pcap
 
-        is_done = _written(write_pcap, recording, options.pcap) and is_done
+        is_done = _written(write_pcap, recording, options.pcap, progress) and is_done
     return 0 if is_done else 1
 
 
@@ -164,17 +169,20 @@ def _show(options: argparse.Namespace, recording: Recording) -> None:
 
 def run(options: argparse.Namespace) -> int:
     """0, or 1 after a sentence on standard error."""
+    progress = Progress()
     try:
-        recording = _read(options)
+        recording = _read(options, progress)
     except RecordingError as error:
         _warn(f"{options.file}: {error}")
         return 1
     except OSError as error:
         _warn(f"{error.filename or options.file}: {error.strerror}")
         return 1
+    finally:
+        progress.end()
     _tell_faults(recording, options.file)
     if options.html or options.pcap:
-        return _write_files(options, recording)
+        return _write_files(options, recording, progress)
     _show(options, recording)
     return 0
 

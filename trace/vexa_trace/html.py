@@ -5,13 +5,12 @@ from __future__ import annotations
 import base64
 import hashlib
 import json
-import os
-import tempfile
 from pathlib import Path
 from typing import Any
 
 from .picture import LARGEST_TIME, SHOWN_ELSEWHERE, Picture, Shown, field_text, make_picture
 from .recording import Recording
+from .whole_file import whole_file
 
 PAGE_FOLDER = Path(__file__).parent / "page"
 # In the order in which one uses what stands before it.
@@ -137,24 +136,7 @@ def make_page(recording: Recording) -> str:
 
 
 def write_page(recording: Recording, path: str) -> None:
-    """Writes the page in one go: an interruption leaves no half page behind."""
-    target = Path(path)
+    """Writes the page; raises OSError."""
     page = make_page(recording)
-    if target.exists() and not target.is_file():  # such as /dev/stdout
-        target.write_text(page, encoding="utf-8")
-        return
-    handle, aside = tempfile.mkstemp(dir=target.parent, prefix=f".{target.name}.")
-    try:
-        with os.fdopen(handle, "w", encoding="utf-8") as file:
-            file.write(page)
-            os.fchmod(file.fileno(), 0o666 & ~_umask())
-        os.replace(aside, target)
-    except BaseException:
-        os.unlink(aside)
-        raise
-
-
-def _umask() -> int:
-    mask = os.umask(0)
-    os.umask(mask)
-    return mask
+    with whole_file(path) as file:
+        file.write(page.encode("utf-8"))

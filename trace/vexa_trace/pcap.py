@@ -13,6 +13,7 @@ from typing import Any, BinaryIO
 
 from .frames import FrameReader
 from .recording import CP_CHANNELS, HOST_PORTS, Event, Recording
+from .whole_file import whole_file
 
 LINKTYPE_RTAC_SERIAL = 250
 LINKTYPE_MUX27010 = 236
@@ -226,7 +227,7 @@ def _describe(event: Event) -> str:
 
 def write_pcap(recording: Recording, path: str) -> Summary:
     """Writes the recording as a pcapng file; raises OSError."""
-    with open(path, "wb") as file:
+    with whole_file(path) as file:
         capture = _Capture(_File(file), _begin_of(recording.start))
         for event in recording.events:
             capture.take(event)

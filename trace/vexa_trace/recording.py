@@ -7,6 +7,8 @@ from collections.abc import Iterable, Iterator
 from dataclasses import dataclass, field
 from typing import Any
 
+from .progress import Progress
+
 HOST_PORTS = ("modem", "at", "uart", "pcie")
 CP_CHANNELS = ("cp-modem", "cp-at", "cp-uart")
 DIRECTIONS = ("typed", "in", "out")
@@ -112,7 +114,7 @@ def read_lines(lines: Iterable[str]) -> Recording:
     return Recording(start, events, faults, is_whole)
 
 
-def read_file(path: str) -> Recording:
+def read_file(path: str, progress: Progress | None = None) -> Recording:
     """A recording from a file; raises RecordingError or OSError."""
     with open(path, encoding="utf-8", errors="surrogateescape") as file:
-        return read_lines(file)
+        return read_lines((progress or Progress()).reading(file))
