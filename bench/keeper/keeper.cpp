@@ -7,11 +7,13 @@
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/signalfd.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -121,13 +123,45 @@ int run(int socket) {
     return 0;
 }
 
+void print_usage(FILE* out) {
+    fputs(
+        "usage: vexa-module-keeper SOCKET\n"
+        "Keeps the namespaces of one simulated module. The bench starts it and gives it the number "
+        "of\nan open socket; it is of no use by hand (run vexa-bench instead).\n",
+        out);
+}
+
+// -1: no number of an open socket.
+int socket_of(const char* text) {
+    char* end = nullptr;
+    errno = 0;
+    const long number = strtol(text, &end, 10);
+    if (errno != 0 || end == text || *end != '\0' || number < 0 || number > INT_MAX) {
+        return -1;
+    }
+    int type = 0;
+    socklen_t size = sizeof type;
+    const auto socket = static_cast<int>(number);
+    return getsockopt(socket, SOL_SOCKET, SO_TYPE, &type, &size) == 0 ? socket : -1;
+}
+
 }  // namespace
 }  // namespace bench
 
 int main(int argc, char** argv) {
+    if (argc == 2 && (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0)) {
+        bench::print_usage(stdout);
+        return 0;
+    }
     if (argc != 2) {
-        fprintf(stderr, "usage: vexa-module-keeper SOCKET; started by the bench\n");
+        bench::print_usage(stderr);
         return 2;
     }
-    return bench::run(atoi(argv[1]));
+    const int socket = bench::socket_of(argv[1]);
+    if (socket < 0) {
+        fprintf(stderr, "vexa-module-keeper: '%s' is not the number of an open socket\n", argv[1]);
+        bench::print_usage(stderr);
+        return 2;
+    }
+    return bench::run(socket);
 }
