@@ -176,7 +176,7 @@ std::vector<std::string> combined_commands(std::string_view line) {
     std::vector<std::string> all;
     if (text.size() < 7 || text.size() > 10)
         return all;
-    all.push_back(text.substr(0, 4) + "\r\n");
+    all.push_back((text.size() > 8 ? "AT" + text.substr(2, 2) : text.substr(0, 4)) + "\r\n");
     all.push_back("AT" + text.substr(4, 2) + "\r\n");
     if (text.size() > 8)
         all.push_back("AT" + text.substr(6, 2) + "\r\n");

@@ -35,7 +35,8 @@ CombinedLine split_combined_line(std::string_view line) {
     combined.count = count_commands(line.size());
     for (int i = 0; i < combined.count; ++i) {
         const std::size_t body = kPrefixLength + static_cast<std::size_t>(i) * kBodyLength;
-        build_command(i == 0 ? line : "AT", text_part(line, body, kBodyLength),
+        const bool keeps_prefix = i == 0 && combined.count == 2;
+        build_command(keeps_prefix ? line : "AT", text_part(line, body, kBodyLength),
                       combined.commands[i]);
     }
     return combined;

@@ -12,5 +12,5 @@ struct CombinedLine {
 };
 
 // The commands of a line of 7 to 10 characters, its end counted: each "AT", two characters, CR LF.
-// The first keeps the line's own "AT".
+// Of two the first keeps the line's own "AT", as it was typed.
 CombinedLine split_combined_line(std::string_view line);

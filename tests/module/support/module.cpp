@@ -334,6 +334,10 @@ std::size_t Module::log_size() const {
     return file_size(log_.get());
 }
 
+std::string Module::log_from(std::size_t from) const {
+    return whole_file(log_.get(), from);
+}
+
 bool Module::log_has(std::string_view text, std::size_t from) const {
     return whole_file(log_.get(), from).find(text) != std::string::npos;
 }

@@ -100,6 +100,7 @@ class Module {
     int log_count(std::string_view text) const;
     // For a test that looks at what is new only.
     std::size_t log_size() const;
+    std::string log_from(std::size_t from) const;
     bool log_has(std::string_view text, std::size_t from) const;
     // Until the text has come at least `times` times since the start.
     void wait_for_log(std::string_view text, int times = 1, Here here = Here::current());
