@@ -2,6 +2,9 @@
 
 #include <strings.h>
 
+#include <algorithm>
+#include <array>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <span>
@@ -20,53 +23,130 @@ constexpr char kCarriageReturn = '\r';
 constexpr char kCtrlZ = 0x1A;
 constexpr char kEscape = 0x1B;
 
-using Names = std::span<const char* const>;
+// A table of names, and how long each is.
+struct Names {
+    std::span<const char* const> names;
+    std::span<const uint8_t> lengths;
+
+    // Without the first entry, a marker that is never compared.
+    [[nodiscard]] constexpr Names without_first() const {
+        return {names.subspan(1), lengths.subspan(1)};
+    }
+};
+
+template <const auto& table>
+constexpr auto kLengths = [] {
+    std::array<uint8_t, table.size()> lengths{};
+    for (std::size_t i = 0; i < table.size(); ++i)
+        lengths[i] = static_cast<uint8_t>(std::string_view(table[i]).size());
+    return lengths;
+}();
+
+template <const auto& table>
+constexpr Names kNames = {table, kLengths<table>};
+
+template <const auto&... tables>
+constexpr std::size_t kLongestOf = std::max({*std::max_element(std::begin(kLengths<tables>),
+                                                               std::end(kLengths<tables>))...});
+
+constexpr std::array<const char*, 1> kDial = {"atd"};
+// A name of more characters is in no table.
+constexpr std::size_t kLongestName =
+    kLongestOf<hijack_atcmd_talbe, fwd_exc_atcmd_talbe, smsmode_atcmd_talbe, hexmode_atcmd_talbe,
+               cmuxmode_atcmd_talbe, ght_at_table, kDial>;
+
+char lower(char letter) {
+    return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter | 0x20) : letter;
+}
+
+// From the end, because nearly all names begin alike.
+bool agree_ignoring_case(const char* one, const char* other, std::size_t length) {
+    while (length > 0 && lower(one[length - 1]) == lower(other[length - 1])) --length;
+    return length == 0;
+}
+
+// What one character means for the name that it stands in or behind.
+enum class NamePart : uint8_t { inside, digit, behind };
+
+constexpr std::array<NamePart, 256> kNameParts = [] {
+    std::array<NamePart, 256> parts{};
+    for (const char digit : std::string_view("0123456789"))
+        parts[static_cast<uint8_t>(digit)] = NamePart::digit;
+    for (const char end : {'\0', kLineFeed, kCarriageReturn, '*', '=', '?'})
+        parts[static_cast<uint8_t>(end)] = NamePart::behind;
+    return parts;
+}();
+
+// The length of the name at the start of the line, or of so much of it as was looked at: at most
+// `most` characters, unless the line may set S-registers further on.
+int measure_name(const char* line, int most) {
+    SpecialLine special(line);
+    uint8_t s3 = s3_char();
+    uint8_t s4 = s4_char();
+    for (int length = 0; length < most; ++length) {
+        const auto byte = static_cast<uint8_t>(line[length]);
+        const NamePart part = kNameParts[byte];
+        if (part == NamePart::behind)
+            return length;
+        if (part == NamePart::inside) {
+            if (byte == s3 || byte == s4)
+                return length + 1;
+            continue;
+        }
+        if (special.check() != 0)
+            return length;
+        s3 = s3_char();  // the check may have moved them
+        s4 = s4_char();
+    }
+    return most;
+}
+
+// Measuring the name of an "ATS" line sets registers at each of its digits.
+bool may_set_registers(const char* line) {
+    return strncasecmp(line, "ats", 3) == 0;
+}
 
 // Compares one line with many names. The line's name is measured again as long as measuring it
 // moves S3 or S4 ("ATS3=84" ends at its "T" from the second time on): the outcome is that of
 // measuring it for every entry.
 class LineName {
   public:
-    explicit LineName(const char* line) : line_(line) {}
+    // Of names that are no longer than `longest`.
+    LineName(const char* line, std::size_t longest)
+        : line_(line), most_(may_set_registers(line) ? INT_MAX : static_cast<int>(longest) + 1) {}
 
-    bool is(const char* name) {
-        measure();
-        if (length_ < 0 || static_cast<std::size_t>(length_) != strlen(name) ||
-            strncasecmp(line_, name, static_cast<std::size_t>(length_)) != 0)
+    bool is(const char* name, std::size_t length) {
+        if (!settled_)
+            measure();
+        if (length_ != length || !agree_ignoring_case(line_, name, length))
             return false;
         puts("vexa_strmatch equal.\r");
         return true;
     }
 
-    bool is_any_of(Names names) {
-        for (const char* name : names)
-            if (is(name))
+    bool is_any_of(const Names& table) {
+        for (std::size_t i = 0; i < table.names.size(); ++i)
+            if (is(table.names[i], table.lengths[i]))
                 return true;
         return false;
     }
 
   private:
     void measure() {
-        if (settled_)
-            return;
         const uint8_t s3 = s3_char();
         const uint8_t s4 = s4_char();
-        length_ = get_input_at_prefix_len(line_);
+        length_ = static_cast<std::size_t>(measure_name(line_, most_));
         settled_ = s3 == s3_char() && s4 == s4_char();
     }
 
     const char* line_;
-    int length_ = -1;
+    int most_;
+    std::size_t length_ = 0;
     bool settled_ = false;
 };
 
-// The first entry is a marker that is never compared.
-Names without_first(Names names) {
-    return names.subspan(1);
-}
-
-bool is_name_in(const char* line, Names names) {
-    return line != nullptr && LineName(line).is_any_of(names);
+bool is_name_in(const char* line, const Names& table) {
+    return line != nullptr && LineName(line, kLongestName).is_any_of(table);
 }
 
 std::string_view text_of(const char* text) {
@@ -84,8 +164,8 @@ bool holds_any(std::string_view text, std::initializer_list<std::string_view> pa
     return false;
 }
 
-int is_single_command_in(const char* line, Names names) {
-    return is_name_in(line, names) && strchr(line, ';') == nullptr ? 1 : 0;
+int is_single_command_in(const char* line, const Names& table) {
+    return is_name_in(line, table) && strchr(line, ';') == nullptr ? 1 : 0;
 }
 
 // ASCII letters differ in bit 5 only.
@@ -103,51 +183,21 @@ void switch_diagnostics_log(const char* line) {
         store_shared(g_qxdm_log, 0);
 }
 
-// What one character means for the name that it stands in or behind.
-enum class NamePart { inside, last, behind };
-
-NamePart classify_character(const char* line, char character) {
-    switch (character) {
-        case kLineFeed:
-        case kCarriageReturn:
-        case '*':
-        case '=':
-        case '?':
-            return NamePart::behind;
-        default:
-            break;
-    }
-    if (character >= '0' && character <= '9')
-        return vexa_check_specialstring(line) != 0 ? NamePart::behind : NamePart::inside;
-    const auto byte = static_cast<uint8_t>(character);
-    return byte == s3_char() || byte == s4_char() ? NamePart::last : NamePart::inside;
-}
-
 }  // namespace
 
 int get_input_at_prefix_len(const char* at_cmd) {
-    if (at_cmd == nullptr)
-        return -1;
-    int length = 0;
-    while (at_cmd[length] != '\0') {
-        const NamePart part = classify_character(at_cmd, at_cmd[length]);
-        if (part == NamePart::behind)
-            return length;
-        ++length;
-        if (part == NamePart::last)
-            return length;
-    }
-    return length;
+    return at_cmd == nullptr ? -1 : measure_name(at_cmd, INT_MAX);
 }
 
 int vexa_strmatch(const char* inputAtBuf, const char* tableMatchStr) {
     if (inputAtBuf == nullptr || tableMatchStr == nullptr)
         return 0;
-    return LineName(inputAtBuf).is(tableMatchStr) ? 1 : 0;
+    const std::size_t length = strlen(tableMatchStr);
+    return LineName(inputAtBuf, length).is(tableMatchStr, length) ? 1 : 0;
 }
 
 int hijack_atcmd_to_app_platform(const char* at_buf, int buf_len) {
-    if (buf_len < 0 || !is_name_in(at_buf, without_first(hijack_atcmd_talbe)))
+    if (buf_len < 0 || !is_name_in(at_buf, kNames<hijack_atcmd_talbe>.without_first()))
         return 0;
     if (vexa_strmatch(at_buf, "at+gtqxdmlog") == 1)
         switch_diagnostics_log(at_buf);
@@ -155,27 +205,26 @@ int hijack_atcmd_to_app_platform(const char* at_buf, int buf_len) {
 }
 
 int forward_exc_atcmd_to_cp_too(const char* at_buf, int buf_len) {
-    return buf_len >= 0 && is_name_in(at_buf, without_first(fwd_exc_atcmd_talbe)) ? 1 : 0;
+    return buf_len >= 0 && is_name_in(at_buf, kNames<fwd_exc_atcmd_talbe>.without_first()) ? 1 : 0;
 }
 
 int is_input_sms_atcmd(const char* at_buf, int /*buf_len*/) {
     // The mode is entered on CP's prompt only, so a match is traced and nothing else.
-    if (is_name_in(at_buf, without_first(smsmode_atcmd_talbe)))
+    if (is_name_in(at_buf, kNames<smsmode_atcmd_talbe>.without_first()))
         VEXA_LOG("sms atcmd, wait for the prompt.%d,%d,%d.\r\n", 0, 0, 0);
     return 0;
 }
 
 int is_input_hex_atcmd(const char* at_buf, int /*buf_len*/) {
-    return is_single_command_in(at_buf, without_first(hexmode_atcmd_talbe));
+    return is_single_command_in(at_buf, kNames<hexmode_atcmd_talbe>.without_first());
 }
 
 int is_input_cmux_cmd(const char* at_buf, int /*buf_len*/) {
-    return is_single_command_in(at_buf, without_first(cmuxmode_atcmd_talbe));
+    return is_single_command_in(at_buf, kNames<cmuxmode_atcmd_talbe>.without_first());
 }
 
 int is_input_ppp_atcmd(const char* at_buf, int /*buf_len*/) {
-    static constexpr std::array<const char*, 1> kDial = {"atd"};
-    return is_single_command_in(at_buf, kDial);
+    return is_single_command_in(at_buf, kNames<kDial>);
 }
 
 int is_input_at_finished(const char* at_buf, int buf_len) {
@@ -200,8 +249,10 @@ int is_input_at_legal(const char* at_buf, int buf_len) {
 int is_input_combine_atcmd(const char* at_buf, int buf_len) {
     constexpr int kShortest = 7;
     constexpr int kLongest = 10;
+    if (buf_len < kShortest || buf_len > kLongest)
+        return 0;
     const std::string_view text = text_of(at_buf);
-    if (holds(text, "+") || buf_len < kShortest || buf_len > kLongest)
+    if (holds(text, "+"))
         return 0;
     return holds_any(text, {"ate", "ATE", "atv", "ATV", "atq", "ATQ"}) ? 2 : 0;
 }
@@ -259,5 +310,5 @@ int is_enter_sms_mode_base_on_para(const char* /*at_buf*/, int /*buf_len*/) {
 }
 
 int is_ght_atcmd(const char* at_buf) {
-    return is_name_in(at_buf, ght_at_table) ? 1 : 0;
+    return is_name_in(at_buf, kNames<ght_at_table>) ? 1 : 0;
 }

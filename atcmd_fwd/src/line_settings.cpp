@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #include "input_source.h"
 #include "log.h"
@@ -37,25 +38,39 @@ uint8_t* setting_of(char register_digit) {
     }
 }
 
-// "ATSn=value" and the terminator.
-int take_s_register(const char* line) {
+// "ATSn=value" and the terminator, as the line reads with this S3.
+SRegisterLine read_s_register(const char* line, uint8_t s3) {
     const char* equals = strchr(line, '=');
     // With S3 at 0 the text's own end is its first occurrence, so that "ATS3=13" still works.
-    const char* end = strchr(line, s3_char());
-    if (equals == nullptr || end == nullptr) {
-        VEXA_LOG("we ats illegal ... %d,%d,%d.\n", 0, 0, 0);
-        return 0;
-    }
+    const char* end = strchr(line, s3);
+    if (equals == nullptr || end == nullptr)
+        return {SRegisterLine::Kind::incomplete, 0, nullptr, 0};
     const auto distance = static_cast<int>(end - equals);
-    if (distance > kLongestSettingDistance) {
-        VEXA_LOG("we ats illegal len ... temp_end-temp_equal:%d,%d,%d.\n", distance, 0, 0);
-        return -1;
-    }
+    if (distance > kLongestSettingDistance)
+        return {SRegisterLine::Kind::too_long, distance, nullptr, 0};
     const unsigned long value = strtoul(equals + 1, nullptr, 10);
-    uint8_t* const setting = setting_of(line[3]);
-    if (setting != nullptr && value < kFirstBadCharacter)
-        store_shared(*setting, static_cast<uint8_t>(value));
+    uint8_t* const setting = value < kFirstBadCharacter ? setting_of(line[3]) : nullptr;
+    return {SRegisterLine::Kind::whole, distance, setting, static_cast<uint8_t>(value)};
+}
+
+int carry_out(const SRegisterLine& line) {
+    switch (line.kind) {
+        case SRegisterLine::Kind::incomplete:
+            VEXA_LOG("we ats illegal ... %d,%d,%d.\n", 0, 0, 0);
+            return 0;
+        case SRegisterLine::Kind::too_long:
+            VEXA_LOG("we ats illegal len ... temp_end-temp_equal:%d,%d,%d.\n", line.distance, 0, 0);
+            return -1;
+        case SRegisterLine::Kind::whole:
+            break;
+    }
+    if (line.setting != nullptr)
+        store_shared(*line.setting, line.value);
     return 0;
+}
+
+bool begins_with(const char* line, std::string_view prefix) {
+    return strncasecmp(line, prefix.data(), prefix.size()) == 0;
 }
 
 // The first of the words that the line holds, in the words' order; null when it holds none.
@@ -80,15 +95,32 @@ bool is_echo_on() {
     return load_shared(g_client_ate_status) == kEchoOn;
 }
 
+int SpecialLine::check() {
+    if (kind_ == Kind::unknown)
+        kind_ = kind_of(line_);
+    if (kind_ != Kind::s_register)
+        return kind_ == Kind::digits_in_name ? 0 : -1;
+    const int s3 = s3_char();
+    if (s3 != read_with_s3_) {
+        s_register_ = read_s_register(line_, static_cast<uint8_t>(s3));
+        read_with_s3_ = s3;
+    }
+    return carry_out(s_register_);
+}
+
+SpecialLine::Kind SpecialLine::kind_of(const char* line) {
+    if (begins_with(line, "ATI"))
+        return Kind::digits_in_name;
+    if (begins_with(line, "ats"))
+        return Kind::s_register;
+    for (const std::string_view prefix : {"AT+WS", "at+cv", "at+mai2sy"})
+        if (begins_with(line, prefix))
+            return Kind::digits_in_name;
+    return Kind::ordinary;
+}
+
 int vexa_check_specialstring(const char* str) {
-    if (strncasecmp(str, "ATI", 3) == 0)
-        return 0;
-    if (strncasecmp(str, "ats", 3) == 0)
-        return take_s_register(str);
-    for (const char* prefix : {"AT+WS", "at+cv", "at+mai2sy"})
-        if (strncasecmp(str, prefix, strlen(prefix)) == 0)
-            return 0;
-    return -1;
+    return SpecialLine(str).check();
 }
 
 int set_atevq_status_flag(void) {

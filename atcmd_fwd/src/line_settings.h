@@ -21,6 +21,32 @@ bool is_echo_on();
 // Whether a digit belongs to the command's name (0) or ends it (-1); sets S3, S4 or S5 from an
 // "ATSn=value" line on the way.
 int vexa_check_specialstring(const char* str);
+
+// How an "ATSn=value" line reads with one S3.
+struct SRegisterLine {
+    enum class Kind { incomplete, too_long, whole } kind;
+    int distance;      // from "=" to the terminator
+    uint8_t* setting;  // null: changes nothing
+    uint8_t value;
+};
+
+// Answers vexa_check_specialstring() for one line as often as its name has digits, without reading
+// the line again for each. The line outlives it and stays as it is.
+class SpecialLine {
+  public:
+    explicit SpecialLine(const char* line) : line_(line) {}
+    int check();
+
+  private:
+    enum class Kind { unknown, ordinary, digits_in_name, s_register };
+    static Kind kind_of(const char* line);
+
+    const char* line_;
+    Kind kind_ = Kind::unknown;
+    int read_with_s3_ = -1;
+    SRegisterLine s_register_{};
+};
+
 // Records ATE and ATV of the line that the calling thread's input source is sending.
 int set_atevq_status_flag(void);
 // The line without spaces outside quotes, up to and with its first S3 character. `at_buf_no_sb`

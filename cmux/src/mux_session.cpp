@@ -124,7 +124,7 @@ int take_set_up(int step, const ReceivedFrame& frame, char* resp_buf, int* resp_
 
 void dump_response(const char* resp_buf, int resp_buf_len) {
     for (int i = 0; i < resp_buf_len; ++i)
-        printf(" 0x%x ", static_cast<unsigned>(static_cast<UINT8>(resp_buf[i])));
+        VEXA_PRINT(" 0x%x ", static_cast<unsigned>(static_cast<UINT8>(resp_buf[i])));
 }
 
 }  // namespace

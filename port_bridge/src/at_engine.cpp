@@ -148,7 +148,7 @@ bool clean_line(const Input& input) {
 }
 
 void start_multiplexer(const Input& input) {
-    char answer[kAnswerAreaSize] = {};
+    char answer[kAnswerAreaSize];  // text, as far as its NUL
     memcpy(answer, kPlatformDownText, sizeof kPlatformDownText);
     int answer_length = 0;
     int direction = 0;
@@ -258,7 +258,7 @@ int handle_ppp_data(const Input& input) {
 }
 
 int handle_platform_data(const Input& input) {
-    char answer[kAnswerAreaSize] = {};
+    char answer[kAnswerAreaSize];  // text, as far as its NUL
     memcpy(answer, kPlatformDownText, sizeof kPlatformDownText);
     int answer_length = 0;
     const int length = length_of(input.data);

@@ -31,21 +31,22 @@ const char* const glink_file_path = "/dev/at_mdm0";
 
 namespace {
 
-// `wake_fd` is an eventfd made at the reader's first poll. Both are guarded by the slot's own
-// mutex, like the slot.
+// `wake_fd` is an eventfd made at the reader's first poll; `is_woken` while there is something in
+// it. All are guarded by the slot's own mutex, like the slot.
 struct DeviceWake {
     const int* slot;
     int wake_fd;
+    bool is_woken;
     bool was_hung_up;
 };
 constinit std::array<DeviceWake, 7> g_wakes = {{
-    {&mdm_fd, -1, false},
-    {&usb_fd, -1, false},
-    {&mdm_atport_fd, -1, false},
-    {&usb_atport_fd, -1, false},
-    {&usb_atport_fd_pcie, -1, false},
-    {&mdm_uartport_fd, -1, false},
-    {&usb_uartport_fd, -1, false},
+    {&mdm_fd, -1, false, false},
+    {&usb_fd, -1, false, false},
+    {&mdm_atport_fd, -1, false, false},
+    {&usb_atport_fd, -1, false, false},
+    {&usb_atport_fd_pcie, -1, false, false},
+    {&mdm_uartport_fd, -1, false, false},
+    {&usb_uartport_fd, -1, false, false},
 }};
 
 DeviceWake* find_wake(const int* slot) {
@@ -64,7 +65,8 @@ int armed_wake_fd(const int* slot) {
     if (wake->wake_fd < 0)
         wake->wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     eventfd_t earlier = 0;
-    eventfd_read(wake->wake_fd, &earlier);
+    if (std::exchange(wake->is_woken, false))
+        eventfd_read(wake->wake_fd, &earlier);
     return wake->wake_fd;
 }
 
@@ -92,9 +94,11 @@ DevicePoll poll_shared_device(const int* slot, pthread_mutex_t* mutex, short eve
 }
 
 void wake_device_reader(const int* slot) {
-    const DeviceWake* wake = find_wake(slot);
-    if (wake != nullptr && wake->wake_fd >= 0)
-        eventfd_write(wake->wake_fd, 1);
+    DeviceWake* wake = find_wake(slot);
+    if (wake == nullptr || wake->wake_fd < 0)
+        return;
+    wake->is_woken = true;
+    eventfd_write(wake->wake_fd, 1);
 }
 
 void note_hang_up(const int* slot) {

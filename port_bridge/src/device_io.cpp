@@ -36,8 +36,8 @@ int write_all(int to_fd, const char* to_filename, int bytes_to_write, const char
         num_written = static_cast<int>(write(to_fd, buffer + (bytes_to_write - bytes_remaining),
                                              static_cast<std::size_t>(bytes_remaining)));
         const int error = errno;
-        printf("====>>>num_written :%d, to_fd:%d, bytes_remaining:%d. \r\n", num_written, to_fd,
-               bytes_remaining);
+        VEXA_PRINT("====>>>num_written :%d, to_fd:%d, bytes_remaining:%d. \r\n", num_written, to_fd,
+                   bytes_remaining);
         if (num_written > 0) {
             bytes_remaining -= num_written;
             VEXA_LOG("write to '%s' returned %i, bytes_remaining: %d.\n", to_filename, num_written,
@@ -46,10 +46,10 @@ int write_all(int to_fd, const char* to_filename, int bytes_to_write, const char
             continue;
         }
         if (error != EAGAIN || retry_count >= kMostRetries) {
-            printf("Failed to write to '%s' due to err [%s]\n", to_filename, strerror(error));
+            VEXA_PRINT("Failed to write to '%s' due to err [%s]\n", to_filename, strerror(error));
             return -1;
         }
-        printf(
+        VEXA_PRINT(
             "retrying now... Failed to write to '%s'[%d] due to err [%s] or num_written [%d], "
             "retry_count:%d.\n",
             to_filename, to_fd, strerror(error), num_written, retry_count);
@@ -97,7 +97,7 @@ void close_fd_mutexed(const char* file_path, const volatile int* fd, pthread_mut
     close(*slot);
     store_shared(*slot, -1);
     wake_device_reader(slot);
-    printf("close_fd_Mutexed file_path close:%s, fd:%d.\r\n", file_path, *slot);
+    VEXA_PRINT("close_fd_Mutexed file_path close:%s, fd:%d.\r\n", file_path, *slot);
     VEXA_LOG("close_fd_mutexed file_path close:%s, fd:%d.%d.\r\n", file_path, *slot, 0);
     const int unlock_error = pthread_mutex_unlock(mutex);
     if (unlock_error == 0)

@@ -164,7 +164,7 @@ int send_to_platform(const Command& command) {
     const int mode = load_shared(*command.mode);
     if (mode != USB_PORT_ATCMD_MODE && mode != USB_PORT_CMUX_MODE)
         return 0;
-    char answer[kAnswerAreaSize] = {};
+    char answer[kAnswerAreaSize];  // text, as far as its NUL
     memcpy(answer, kPlatformDownText, sizeof kPlatformDownText);
     int result = ask_platform(command, mode, answer);
     keep_last_line(command);

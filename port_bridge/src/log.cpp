@@ -5,7 +5,9 @@
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
+#include <string_view>
 
+#include "log_text.h"
 #include "shared_int.h"
 #include "vexa_common_def.h"
 
@@ -17,20 +19,22 @@ namespace {
 // a log line.
 struct StampCache {
     time_t second = -1;
-    char text[26] = {};
+    char text[26] = {};  // with the blank behind it
+    std::size_t length = 0;
 };
 thread_local constinit StampCache t_stamp;
 
-const char* time_stamp() {
+std::string_view time_stamp() {
     timeval now{};
     gettimeofday(&now, nullptr);
-    if (now.tv_sec == t_stamp.second)
-        return t_stamp.text;
+    StampCache& stamp = t_stamp;
+    if (now.tv_sec == stamp.second)
+        return {stamp.text, stamp.length};
     tm local{};
     localtime_r(&now.tv_sec, &local);
-    strftime(t_stamp.text, sizeof(t_stamp.text), "%Y-%m-%d %H:%M:%S", &local);
-    t_stamp.second = now.tv_sec;
-    return t_stamp.text;
+    stamp.length = strftime(stamp.text, sizeof(stamp.text), "%Y-%m-%d %H:%M:%S ", &local);
+    stamp.second = now.tv_sec;
+    return {stamp.text, stamp.length};
 }
 
 }  // namespace
@@ -40,10 +44,22 @@ bool log_goes_to_diag() {
 }
 
 void print_log_line(const char* function, int line, const char* format, ...) {
-    printf("%s ", time_stamp());
-    printf("%s(%d):", function, line);
+    LogText text(stdout);
+    text.add(time_stamp());
+    text.add(function);
+    text.add('(');
+    text.add_decimal(static_cast<std::size_t>(line));
+    text.add("):");
     va_list arguments;
     va_start(arguments, format);
-    vprintf(format, arguments);
+    text.add_formatted(format, arguments);
+    va_end(arguments);
+}
+
+void print_plain_text(const char* format, ...) {
+    LogText text(stdout);
+    va_list arguments;
+    va_start(arguments, format);
+    text.add_formatted(format, arguments);
     va_end(arguments);
 }

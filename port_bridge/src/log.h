@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "diag.h"
+#include "log_text.h"
 
 inline constexpr uint16_t kDiagSubsystem = 65;
 inline constexpr uint32_t kDiagLevel = 2;
@@ -41,9 +42,11 @@ consteval std::array<char, size> diag_format(const char (&format)[size]) {
 // Whether messages go to the diagnostic channel now: g_qxdm_log is 1.
 bool log_goes_to_diag();
 
-// One message on standard output, in three writes: time stamp, function and line, message.
+// One message on standard output: time stamp, function and line, message.
 void print_log_line(const char* function, int line, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
+// Text as it stands, without a stamp, whatever g_qxdm_log says: VEXA_PRINT.
+void print_plain_text(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 // One message on the diagnostic channel; missing arguments are passed as 0.
 template <typename... Arguments>
@@ -69,8 +72,17 @@ void send_diag_message(const vexa_diag_message* site, const char* function,
 // `format` must be a string literal.
 #define VEXA_LOG(format, ...)                                                      \
     do {                                                                           \
+        static_assert(is_log_format(format));                                      \
         if (log_goes_to_diag())                                                    \
             VEXA_DIAG(format __VA_OPT__(, ) __VA_ARGS__);                          \
         else                                                                       \
             print_log_line(__func__, __LINE__, format __VA_OPT__(, ) __VA_ARGS__); \
+    } while (false)
+
+// Prints plain text on standard output, without a stamp and whatever g_qxdm_log says.
+// `format` must be a string literal.
+#define VEXA_PRINT(format, ...)                              \
+    do {                                                     \
+        static_assert(is_log_format(format));                \
+        print_plain_text(format __VA_OPT__(, ) __VA_ARGS__); \
     } while (false)

@@ -21,6 +21,7 @@
 #include "port_state.h"
 #include "shared_device.h"
 #include "shared_int.h"
+#include "signal_pause.h"
 
 namespace {
 
@@ -29,8 +30,6 @@ constexpr short kLostEvents = POLLERR | POLLHUP | POLLNVAL;
 // GLINK packet channels: the reader offers room for one packet before it can come.
 constexpr unsigned long kQueueReceiveIntent = 0x4004C300;
 constexpr uint32_t kReceiveIntentSize = kDeviceReadSize;
-// Lets the engine's thread reach its wait before it is signalled.
-constexpr useconds_t kBeforeSignal = 1000;
 // The MHI member's wait for data ends this often to look at the control lines.
 constexpr int kMhiWaitMs = 500;
 
@@ -324,13 +323,13 @@ void GlinkReader::after_host_write_failed(const DeviceEnd& host) {
 
 void GlinkReader::signal_engine() {
     store_shared(g_is_single_char_input, 0);
-    usleep(kBeforeSignal);
+    pause_before_signal();
     pthread_cond_signal(&port_.response_cond);
     VEXA_LOG("!!!!!<<<<<<<<<<<<<<<<<<<<< %s cp <<<<<<<<<<<<<<<<<<!!!!!<%s>,%d,0.\r\n",
              port_.log_name, chunk_, 0);
     if (!is_final_result(chunk_))
         return;
-    usleep(kBeforeSignal);
+    pause_before_signal();
     pthread_cond_signal(&g_cond_ap_with_cp);
     store_shared(port_.send_done, 0);
     VEXA_LOG(

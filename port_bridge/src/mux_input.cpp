@@ -45,7 +45,7 @@ void send_payload(std::string_view payload) {
 }
 
 void handle_piece(std::string_view piece) {
-    char response[kMuxAnswerArea] = {};
+    char response[kMuxAnswerArea];  // text, as far as its NUL
     memcpy(response, kRefused, sizeof kRefused);
     int length = 0;
     int direction = 0;

@@ -20,13 +20,12 @@
 #include "mux_session.h"
 #include "platform_link.h"
 #include "shared_int.h"
+#include "signal_pause.h"
 #include "vexa_socket_client.h"
 
 namespace {
 
 constexpr useconds_t kStartPauseUs = 500'000;
-// Gives the bytes on their way to the host a head start over the command that waits for them.
-constexpr useconds_t kSignalPauseUs = 1000;
 constexpr time_t kCpWaitSeconds = 5;
 constexpr int64_t kRetryPauseMs = 1000;
 constexpr int kShutDownLength = 255;
@@ -169,7 +168,7 @@ void deliver(const Connection& connection, const char* answer, int length) {
 }
 
 void wake_waiting_command(const PortRecord& port) {
-    usleep(kSignalPauseUs);
+    pause_before_signal();
     pthread_cond_signal(&port.response_cond);
     VEXA_LOG("!!!!!<<<<<<<<<<<<<<<<<<<< %s app-plat<<<<<<<<<<<<<<<<<<<!!!!!\r\n", port.log_name);
 }

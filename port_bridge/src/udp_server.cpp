@@ -40,7 +40,7 @@ void open_receiving_socket() {
         store_shared(g_loc_udp_at_server_socket, init_udp_at_server_socket());
         if (load_shared(g_loc_udp_at_server_socket) >= 0)
             break;
-        printf("init_udp_at_server_socket error sleep try again.....\r\n");
+        VEXA_PRINT("init_udp_at_server_socket error sleep try again.....\r\n");
         store_shared(g_loc_udp_at_server_socket, -1);
         sleep(kRetryPauseSeconds);
     }
@@ -54,7 +54,7 @@ void print_sender(const sockaddr_in& sender) {
     const sockaddr_in& last = last_client().remote_addr;
     inet_ntop(AF_INET, &last.sin_addr, last_addr, sizeof(last_addr));
     inet_ntop(AF_INET, &sender.sin_addr, new_addr, sizeof(new_addr));
-    printf(
+    VEXA_PRINT(
         "recv_udp_cmd_from_client g_loc_udp_at_server_send_socket:<%d>, last_addr:<%s>, "
         "new_addr:<%s>, last_port:<%d>, new_port:<%d>. \r\n",
         load_shared(g_loc_udp_at_server_send_socket), last_addr, new_addr, ntohs(last.sin_port),
@@ -84,7 +84,8 @@ bool take_up_client(const sockaddr_in& sender) {
     }
     g_udp_sock_to_client_addr = sender;
     g_udp_sock_to_client_addr.sin_family = AF_INET;
-    printf("!!!!!  the client we recv msg is a different one new fd:%d. !!!!!!!.\r\n", send_socket);
+    VEXA_PRINT("!!!!!  the client we recv msg is a different one new fd:%d. !!!!!!!.\r\n",
+               send_socket);
     return true;
 }
 
@@ -95,14 +96,14 @@ bool settle_client(const sockaddr_in& sender) {
     print_sender(sender);
     if (!is_served_client(sender))
         return take_up_client(sender);
-    printf("!!!!!  the client we recv msg is the same one  !!!!!!!.\r\n");
+    VEXA_PRINT("!!!!!  the client we recv msg is the same one  !!!!!!!.\r\n");
     return true;
 }
 
 void print_wait(const thread_info_t& tinfo) {
-    printf("recv_udp_cmd_from_client before wait from:<%s>, fd:<%d>, to:<%s>, fd:<%d>. \r\n",
-           tinfo.from_file_path, load_shared(*tinfo.from_fd), tinfo.to_file_path,
-           load_shared(*tinfo.to_fd));
+    VEXA_PRINT("recv_udp_cmd_from_client before wait from:<%s>, fd:<%d>, to:<%s>, fd:<%d>. \r\n",
+               tinfo.from_file_path, load_shared(*tinfo.from_fd), tinfo.to_file_path,
+               load_shared(*tinfo.to_fd));
 }
 
 void hand_to_engine(char* buffer, int length, thread_info_t& tinfo) {

@@ -41,13 +41,14 @@ int send_bytes(int sockfd, const char* bytes, std::size_t size, int flag) {
 }
 
 void dump_received(std::string_view received) {
-    printf("\r\n======= iret:%d==========>>>\r\n", static_cast<int>(received.size()));
-    flockfile(stdout);
-    for (const char byte : received) {
-        putc_unlocked('(', stdout);
-        putc_unlocked(byte, stdout);
-        putc_unlocked(')', stdout);
-        putc_unlocked(' ', stdout);
+    VEXA_PRINT("\r\n======= iret:%d==========>>>\r\n", static_cast<int>(received.size()));
+    flockfile(stdout);  // no other line comes between the bytes
+    {
+        LogText text(stdout);
+        for (const char byte : received) {
+            const char shown[] = {'(', byte, ')', ' '};
+            text.add({shown, sizeof shown});
+        }
     }
     funlockfile(stdout);
     puts("\r\n<<<=================\r");

@@ -76,21 +76,21 @@ int recv_udp_cmd_from_client(int sockfd, char* recv_buf, int recv_buf_len,
                                   reinterpret_cast<sockaddr*>(client_addr), &address_length));
     if (read_len < 1) {
         const int error = errno;
-        printf("recv_udp_cmd_from_client error info:%s.\r\n", strerror(error));
+        VEXA_PRINT("recv_udp_cmd_from_client error info:%s.\r\n", strerror(error));
         errno = error;
         return read_len;
     }
     recv_buf[read_len] = '\0';
-    printf("recv_udp_cmd_from_client(read_len:%d):> %s %u says >: %s, len:%d.\r\n", read_len,
-           DottedAddress(*client_addr).text(), ntohs(client_addr->sin_port), recv_buf,
-           static_cast<int>(strlen(recv_buf)));
+    VEXA_PRINT("recv_udp_cmd_from_client(read_len:%d):> %s %u says >: %s, len:%d.\r\n", read_len,
+               DottedAddress(*client_addr).text(), ntohs(client_addr->sin_port), recv_buf,
+               static_cast<int>(strlen(recv_buf)));
     return read_len;
 }
 
 int send_udp_result_to_client(int sockfd, const char* send_buf, int send_buf_len,
                               const sockaddr_in* client_addr) {
     if (send_buf == nullptr || client_addr == nullptr || send_buf_len < 0) {
-        printf("send_udp_result_to_client input error.\r\n");
+        VEXA_PRINT("send_udp_result_to_client input error.\r\n");
         return 0;
     }
     const auto length = static_cast<std::size_t>(send_buf_len);
@@ -103,11 +103,12 @@ int send_udp_result_to_client(int sockfd, const char* send_buf, int send_buf_len
                                                  sizeof(*client_addr)));
     const int error = errno;
     if (send_len < 1)
-        printf("send_udp_result_to_client sendto error.send_len:%d, error info:%s.\r\n", send_len,
-               strerror(error));
+        VEXA_PRINT("send_udp_result_to_client sendto error.send_len:%d, error info:%s.\r\n",
+                   send_len, strerror(error));
     else
-        printf("send_udp_result_to_client sendto succesfully. send_buf_len:%d, send_len:%d.\r\n",
-               send_buf_len, send_len);
+        VEXA_PRINT(
+            "send_udp_result_to_client sendto succesfully. send_buf_len:%d, send_len:%d.\r\n",
+            send_buf_len, send_len);
     errno = error;
     return send_len;
 }

@@ -113,6 +113,30 @@ TEST_F(CommandMatch, S3MovesInTheMiddleOfTheWalk) {
     EXPECT_EQ(s3_char(), '#');
 }
 
+// A name's digits are asked about one by one, each with the same words in the log.
+TEST_F(CommandMatch, EveryDigitOfARegisterLineIsAskedAbout) {
+    const std::string digits(40, '7');
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(get_input_at_prefix_len(("ATS" + digits).c_str()), 43);
+    const std::string log = testing::internal::GetCapturedStdout();
+    std::size_t count = 0;
+    for (auto at = log.find("we ats illegal ... 0,0,0.\n"); at != std::string::npos;
+         at = log.find("we ats illegal ... 0,0,0.\n", at + 1))
+        ++count;
+    EXPECT_EQ(count, digits.size());
+    EXPECT_EQ(hijack("ATS3" + digits + "=35\r"), 0);
+    EXPECT_EQ(s3_char(), 35) << "far behind the longest name of a table";
+}
+
+TEST_F(CommandMatch, ANameLongerThanTheTablesNamesIsComparedWhole) {
+    const std::string name(300, 'n');
+    EXPECT_EQ(vexa_strmatch(("AT+" + name + "=1\r").c_str(), ("at+" + name).c_str()), 1);
+    EXPECT_EQ(vexa_strmatch(("AT+" + name + "n=1\r").c_str(), ("at+" + name).c_str()), 0);
+    EXPECT_EQ(vexa_strmatch(("AT+" + name + "=1\r").c_str(), ("at+n" + name).c_str()), 0);
+    EXPECT_EQ(get_input_at_prefix_len(("AT+" + name + "=1\r").c_str()), 303);
+    EXPECT_EQ(hijack("vexa_end_at" + name + "\r"), 0);
+}
+
 TEST_F(CommandMatch, AnS3ValueOfFourDigitsEndsTheNameBeforeTheRegister) {
     EXPECT_EQ(get_input_at_prefix_len("ATS3=1234\r"), 3);
     EXPECT_EQ(hijack("ATS3=1234\r"), 0);
