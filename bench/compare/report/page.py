@@ -54,8 +54,9 @@ def machine_text(outcome: Mapping[str, Any]) -> str:
     machine = outcome["machine"]
     return (f"Measured on {outcome['date']} with `script/bench-compare`, "
             f"{outcome['rounds']} rounds, on {machine['cpu']}, {machine['cores']} cores, "
-            f"kernel {machine['kernel']}, {machine['system']}; load {outcome['load_before']:.1f} before, "
-            f"{outcome['load_after']:.1f} after, the comparison's own included.")
+            f"kernel {machine['kernel']}, {machine['system']}; "
+            f"load {outcome['load_before']:.1f} before, {outcome['load_after']:.1f} after, "
+            "the comparison's own included.")
 
 
 def update(page: Path, outcome: Mapping[str, Any], verdicts: Sequence[Verdict],
