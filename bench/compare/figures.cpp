@@ -117,6 +117,7 @@ json measure_latency(Rig& rig, Contestant& contestant, const Amounts& amounts) {
     const int host = rig.line(0).host();
     warm_up(host, kModemCommand, amounts.warm_up);
     std::vector<int64_t> samples;
+    samples.reserve(static_cast<std::size_t>(amounts.latency_commands));
     for (int i = 0; i < amounts.latency_commands; ++i) {
         const int64_t begin = now_ns();
         ask(host, kModemCommand);
@@ -130,6 +131,7 @@ json measure_rate(Rig& rig, Contestant& contestant, const Amounts& amounts, int 
                   std::string_view command) {
     std::vector<std::unique_ptr<AnsweringModem>> modems;
     std::vector<std::future<Burst>> bursts;
+    bursts.reserve(kPorts);
     for (int index = 0; index < ports; ++index) {
         modems.push_back(std::make_unique<AnsweringModem>(contestant.modem_end(index)));
         warm_up(rig.line(index).host(), command, amounts.warm_up);

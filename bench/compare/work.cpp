@@ -35,6 +35,7 @@ void ask(Rig& rig, int port, std::string_view command) {
 
 void ask_modem(Rig& rig, Contestant& daemon, int count, const std::vector<int>& ports) {
     std::vector<std::unique_ptr<AnsweringModem>> modems;
+    modems.reserve(ports.size());
     for (const int port : ports) {
         modems.push_back(std::make_unique<AnsweringModem>(daemon.modem_end(port)));
     }
