@@ -26,6 +26,12 @@ long number_of(const std::string& file, const std::string& name) {
     throw std::runtime_error(file + " has no " + name);
 }
 
+int count_entries(const std::string& folder) {
+    std::error_code gone;
+    const std::filesystem::directory_iterator entries(folder, gone);
+    return static_cast<int>(std::distance(begin(entries), end(entries)));
+}
+
 struct Area {
     unsigned long begin = 0;
     unsigned long end = 0;
@@ -57,6 +63,14 @@ unsigned long stack_pointer(const std::filesystem::path& thread) {
 }
 
 }  // namespace
+
+int open_descriptors(int pid) {
+    return count_entries("/proc/" + std::to_string(pid) + "/fd");
+}
+
+int running_threads(int pid) {
+    return count_entries("/proc/" + std::to_string(pid) + "/task");
+}
 
 long private_dirty_kib(int pid) {
     return number_of("/proc/" + std::to_string(pid) + "/smaps_rollup", "Private_Dirty:");

@@ -4,6 +4,9 @@
 #include <map>
 #include <utility>
 
+int open_descriptors(int pid);
+int running_threads(int pid);
+
 // In KiB: pages of its own that it has written to.
 long private_dirty_kib(int pid);
 

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <map>
 #include <random>
 
 #include "daemon_figures.h"
@@ -53,18 +54,47 @@ std::string end_of(const std::string& log) {
     return log.substr(log.size() - std::min(log.size(), kLogShown));
 }
 
-// What a window of the daemon's time shows of spinning; empty: nothing.
-std::string spinning(Module& module) {
-    const auto before = thread_cpu_ms(module.daemon_pid());
-    const std::size_t log_before = module.log_size();
-    serve_for(module, kQuietTime);
+// The processes that a fault may harm: the daemon, and the QMI service beside it.
+struct Process {
+    std::string name;
+    int pid;
+};
+
+std::vector<Process> processes_of(const FaultedModule& faulted) {
+    std::vector<Process> processes{{"the daemon", faulted.module.daemon_pid()}};
+    if (faulted.qmi) {
+        processes.push_back({"the QMI service", faulted.qmi->host_pid()});
+    }
+    return processes;
+}
+
+using CpuTimes = std::map<int, long>;
+
+std::string busy_threads(const std::string& name, const CpuTimes& before, const CpuTimes& after) {
     std::string signs;
-    for (const auto& [thread, time] : thread_cpu_ms(module.daemon_pid())) {
+    for (const auto& [thread, time] : after) {
         const auto old = before.find(thread);
         if (old != before.end() && time - old->second > kMostCpuMs) {
             signs += std::to_string(time - old->second) + " ms of CPU in thread " +
-                     std::to_string(thread) + "\n";
+                     std::to_string(thread) + " of " + name + "\n";
         }
+    }
+    return signs;
+}
+
+// What a window of their time shows of spinning; empty: nothing.
+std::string spinning(FaultedModule& faulted) {
+    Module& module = faulted.module;
+    const auto processes = processes_of(faulted);
+    std::vector<CpuTimes> before;
+    for (const Process& process : processes) {
+        before.push_back(thread_cpu_ms(process.pid));
+    }
+    const std::size_t log_before = module.log_size();
+    serve_for(module, kQuietTime);
+    std::string signs;
+    for (std::size_t at = 0; at < processes.size(); ++at) {
+        signs += busy_threads(processes[at].name, before[at], thread_cpu_ms(processes[at].pid));
     }
     const std::size_t log_grown = module.log_size() - log_before;
     if (log_grown > kMostLog) {
@@ -79,7 +109,7 @@ void expect_no_thread_spins(FaultedModule& faulted) {
     faulted.traffic.settle();
     std::string signs;
     for (int window = 0; window < kMostWindows; ++window) {
-        signs = spinning(faulted.module);
+        signs = spinning(faulted);
         if (signs.empty()) {
             return;
         }
@@ -88,16 +118,29 @@ void expect_no_thread_spins(FaultedModule& faulted) {
 }
 
 struct Figures {
+    std::string name;
     int descriptors = 0;
     long memory_kib = 0;
 };
 
-Figures figures(FaultedModule& faulted) {
+std::vector<Figures> figures(FaultedModule& faulted) {
     faulted.traffic.settle();
     faulted.platform.wait_until_connected();
     serve_for(faulted.module, 100ms);
-    return {faulted.module.count_descriptors(),
-            counts_memory() ? private_dirty_kib(faulted.module.daemon_pid()) : 0};
+    std::vector<Figures> all;
+    for (const Process& process : processes_of(faulted)) {
+        all.push_back({process.name, open_descriptors(process.pid),
+                       counts_memory() ? private_dirty_kib(process.pid) : 0});
+    }
+    return all;
+}
+
+void expect_no_growth(const std::vector<Figures>& first, const std::vector<Figures>& second) {
+    for (std::size_t at = 0; at < first.size(); ++at) {
+        EXPECT_LE(second[at].descriptors, first[at].descriptors) << "of " << first[at].name;
+        EXPECT_LE(second[at].memory_kib - first[at].memory_kib, kMostGrowthKib)
+            << "KiB of private memory of " << first[at].name;
+    }
 }
 
 void go_through(FaultedModule& faulted, const Fault& fault) {
@@ -148,11 +191,9 @@ std::ostream& operator<<(std::ostream& out, const Fault& fault) {
 void expect_survived(const Fault& fault) {
     FaultedModule faulted(fault.link);
     go_through(faulted, fault);
-    const Figures first = figures(faulted);
+    const auto first = figures(faulted);
     go_through(faulted, fault);
-    const Figures second = figures(faulted);
-    EXPECT_LE(second.descriptors, first.descriptors);
-    EXPECT_LE(second.memory_kib - first.memory_kib, kMostGrowthKib) << "KiB of private memory";
+    expect_no_growth(first, figures(faulted));
     const TrafficCounts counts = faulted.traffic.total();
     EXPECT_EQ(counts.misroutes, 0) << faulted.traffic.complaints();
     EXPECT_EQ(counts.losses, 0) << faulted.traffic.complaints();

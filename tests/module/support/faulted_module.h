@@ -44,8 +44,9 @@ struct Fault {
 // For the test's name.
 std::ostream& operator<<(std::ostream& out, const Fault& fault);
 
-// Twice over: the others keep their answers, no thread of the daemon spins, and behind the fault
-// every road is served again, with no more descriptors or memory the second time.
+// Twice over: the others keep their answers, no thread of the daemon or of the QMI service spins,
+// and behind the fault every road is served again, with no more descriptors or memory the second
+// time.
 void expect_survived(const Fault& fault);
 
 // So many bytes that are no command, always the same.

@@ -1,6 +1,5 @@
 #include "module.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -19,6 +18,7 @@
 #include <fstream>
 #include <iterator>
 
+#include "daemon_figures.h"
 #include "tested_daemon.h"
 
 namespace {
@@ -56,19 +56,6 @@ std::string whole_file(int fd, std::size_t from = 0) {
 
 std::string tail(const std::string& text) {
     return text.size() <= kLogTail ? text : "...\n" + text.substr(text.size() - kLogTail);
-}
-
-int count_entries(const std::string& folder) {
-    const std::unique_ptr<DIR, int (*)(DIR*)> entries(opendir(folder.c_str()), closedir);
-    int count = 0;
-    while (entries != nullptr) {
-        const dirent* entry = readdir(entries.get());
-        if (entry == nullptr) {
-            break;
-        }
-        count += entry->d_name[0] == '.' ? 0 : 1;
-    }
-    return count;
 }
 
 int status_number(int status) {
@@ -267,11 +254,11 @@ int Module::daemon_exit_status(Here here) {
 }
 
 int Module::count_descriptors() const {
-    return count_entries("/proc/" + std::to_string(daemon_.outer_pid) + "/fd");
+    return open_descriptors(daemon_.outer_pid);
 }
 
 int Module::count_threads() const {
-    return count_entries("/proc/" + std::to_string(daemon_.outer_pid) + "/task");
+    return running_threads(daemon_.outer_pid);
 }
 
 DeviceControl Module::device(const std::string& path) {
@@ -370,6 +357,7 @@ int Module::start_program(const std::string& name, const std::vector<std::string
         fail(space_.error(), here);
     }
     programs_.push_back(child->pid);
+    outer_pids_[child->pid] = child->outer_pid;
     return child->pid;
 }
 

@@ -109,6 +109,8 @@ class Module {
     // a program of this build; its output is shown when an expectation fails.
     int start_program(const std::string& name, const std::vector<std::string>& arguments,
                       Here here = Here::current());
+    // For /proc.
+    int outer_pid(int program) const { return outer_pids_.at(program); }
     // Everything the programs have written to their standard output and error.
     std::string programs_output() const;
     void wait_for_output(std::string_view text, int times = 1, Here here = Here::current());
@@ -146,6 +148,7 @@ class Module {
     std::optional<int> daemon_status_;
     bool end_expected_ = false;
     std::vector<int> programs_;
+    std::map<int, int> outer_pids_;
     std::map<int, int> program_status_;
     std::vector<std::unique_ptr<HostPort>> host_ports_;
     std::vector<std::unique_ptr<ModemChannel>> channels_;

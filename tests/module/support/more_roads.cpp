@@ -108,7 +108,7 @@ QmiRoad::QmiRoad(Module& module)
     : module_(module), folder_(make_folder()), socket_(folder_ + "/service") {
     // The client library looks for the service there.
     setenv("VEXA_QMI_SOCKET", socket_.c_str(), 1);
-    module_.start_program("vexa-qmi-host", {"--socket", socket_});
+    host_ = module_.start_program("vexa-qmi-host", {"--socket", socket_});
     connect();
 }
 

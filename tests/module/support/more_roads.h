@@ -31,11 +31,14 @@ class QmiRoad {
     void disconnect();
     void connect();
     [[nodiscard]] const std::string& socket() const { return socket_; }
+    // The service's process, for /proc.
+    [[nodiscard]] int host_pid() const { return module_.outer_pid(host_); }
 
   private:
     struct Client;
     Module& module_;
     std::string folder_;
     std::string socket_;
+    int host_ = -1;
     std::unique_ptr<Client> client_;
 };
