@@ -7,6 +7,7 @@
 
 #include <initializer_list>
 #include <map>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -146,6 +147,11 @@ struct BrokenRow {
     const char* text;
     const char* error;  // the end of it; empty: none
 };
+
+// The text itself, not where it lies.
+void PrintTo(const BrokenRow& row, std::ostream* out) {
+    *out << row.text;
+}
 
 class BrokenSession : public testing::TestWithParam<BrokenRow> {};
 
