@@ -13,6 +13,8 @@ namespace {
 constexpr std::array<std::string_view, 4> kWho{"host", "cp", "platform", "client"};
 constexpr std::array<std::string_view, 4> kDevices{"modem", "at", "uart", "pipe"};
 constexpr std::array<std::string_view, 3> kClientNames{"a", "b", "c"};
+constexpr std::string_view kWithPcie = "with pcie";
+constexpr std::string_view kWithoutPlatform = "without platform";
 constexpr std::array<std::string_view, 4> kKinds{"indication", "command", "data", "online"};
 
 std::span<const std::string_view> places_of(Who who) {
@@ -86,8 +88,12 @@ bool parse_line(std::string_view line, Conversation& conversation) {
         conversation.reason += std::string(line) + "\n";
         return true;
     }
-    if (line == "pcie") {
-        conversation.pcie = true;
+    if (line == kWithPcie) {
+        conversation.world.pcie = true;
+        return true;
+    }
+    if (line == kWithoutPlatform) {
+        conversation.world.platform = false;
         return true;
     }
     if (line.starts_with("+ ")) {
@@ -123,7 +129,8 @@ std::string to_text(const Conversation& conversation) {
     for (std::string line; std::getline(reason, line);) {
         text += "# " + line + "\n";
     }
-    text += conversation.pcie ? "pcie\n" : "";
+    text += conversation.world.pcie ? std::string(kWithPcie) + "\n" : "";
+    text += conversation.world.platform ? "" : std::string(kWithoutPlatform) + "\n";
     for (const Step& step : conversation.steps) {
         text += to_text(step);
     }

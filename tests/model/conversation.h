@@ -2,7 +2,8 @@
 // file that a person can read, write and keep.
 //
 //     # Why this conversation is kept.
-//     pcie                              the channels of the PCIe pipe are connected
+//     with pcie                         the channels of the PCIe pipe are connected
+//     without platform                  nobody listens where the app platform should
 //     host at AT+CGMR\r                 a chunk typed on modem, at, uart or pipe
 //     platform at command \r\nOK\r\n    a pack of indication, command, data or online
 //     + command more                    one more pack in the same write
@@ -45,9 +46,16 @@ struct Step {
     bool operator==(const Step&) const = default;
 };
 
+// What is there from the start to the end.
+struct World {
+    bool pcie = false;
+    bool platform = true;
+    bool operator==(const World&) const = default;
+};
+
 struct Conversation {
     std::string reason;  // of a kept one
-    bool pcie = false;
+    World world;
     std::vector<Step> steps;
 };
 

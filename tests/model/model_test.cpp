@@ -74,7 +74,7 @@ TEST_P(ModelKept, AgreesAndIsPlayedWhole) {
         parse_conversation(read_file(std::string(VEXA_KEPT_FOLDER) + "/" + GetParam() + ".txt"));
     ASSERT_EQ(parsed.error, "");
     EXPECT_NE(parsed.conversation.reason, "") << "say why it is kept";
-    PlainModel model(parsed.conversation.pcie);
+    PlainModel model(parsed.conversation.world);
     for (const Step& step : parsed.conversation.steps) {
         EXPECT_TRUE(model.take(step)) << "the model cannot tell what comes of: " << to_text(step);
     }
@@ -155,7 +155,7 @@ TEST(ModelText, ComesBackAsItWas) {
         const auto conversation = random_conversation(seed, 80);
         const auto parsed = parse_conversation(to_text(conversation));
         ASSERT_EQ(parsed.error, "");
-        EXPECT_EQ(parsed.conversation.pcie, conversation.pcie);
+        EXPECT_EQ(parsed.conversation.world, conversation.world);
         EXPECT_EQ(parsed.conversation.steps, conversation.steps);
     }
 }

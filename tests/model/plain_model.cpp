@@ -1,159 +1,17 @@
 #include "plain_model.h"
 
 #include <algorithm>
-#include <cctype>
-#include <cstdint>
 #include <cstdlib>
 #include <utility>
+
+#include "plain_words.h"
 
 namespace model {
 namespace {
 
-const std::vector<std::string> kPlatformCommands{
-    "at+tpin",
-    "at+cpinr",
-    "at+ccid",
-    "at+csim",
-    "at+gtusim",
-    "at+cgsn",
-    "at+gsn",
-    "at+gtesim",
-    "at+gtabc",
-    "at+ccho",
-    "at+cgla",
-    "at+cchc",
-    "at+cgmr",
-    "at+gmr",
-    "at+cfsn",
-    "at+cgmi",
-    "at+gmi",
-    "at+cgmm",
-    "at+gmm",
-    "at+gtusim",
-    "at+cesq",
-    "at+csq",
-    "at+ws46",
-    "at+cemode",
-    "at+cpwroff",
-    "at+reset",
-    "at+diagen",
-    "at+gtfmode",
-    "at+creg",
-    "at+cgreg",
-    "at+cereg",
-    "at+cgreg",
-    "at+gtusbmode",
-    "at+gtusbdetecten",
-    "at+gtpcie",
-    "at+gtintfmode",
-    "at+mtsm",
-    "at+gtgpspower",
-    "at+gtgpsepo",
-    "at+gtagpsserv",
-    "at+gtgps",
-    "at+gtgpscfg",
-    "at+gtgpsdelaid",
-    "at+gtqxdmlog",
-    "at+gtloglvl",
-    "at+gtnaropen",
-    "at+gtcmccdmen",
-    "at+gtdataregen",
-    "at+gtlpgset",
-    "at+bodysaren",
-    "at+bodysaron",
-    "at+bodysar",
-    "at+bodysarclear",
-    "at+bodysarst",
-    "at+bodysarmode",
-    "at+bodysarprofile",
-    "at+gtudset",
-    "at+gtud",
-    "at+gtudcheck",
-    "at+gtdelta",
-    "at+gtota",
-    "at+clvl",
-    "at+cmut",
-    "at+gtdtmf",
-    "at+mavol",
-    "at+mmicg",
-    "at+mai2sy",
-    "at+gtaudmode",
-    "at+audplay",
-    "at+audrec",
-    "at+audrm",
-    "at+syscmd",
-    "ate",
-    "atq",
-    "atv",
-    "ati9",
-    "at+cmee",
-    "ats0",
-    "ats3",
-    "ats4",
-    "ats5",
-    "ats24",
-    "at+gtrndis",
-    "at+cgdcont",
-    "at+mgauth",
-    "at+cgpaddr",
-    "at+gtdns",
-    "at+gtwwan",
-    "at+gtautoconnect",
-    "at+gtconnectmode",
-    "at+gtwandhcpconf",
-    "at+gtautodhcp",
-    "at+gtenecm",
-    "at+gtmapvlan",
-    "at+gtdmzip",
-    "at+gtippass",
-    "at+gtmpdn",
-    "at+gtwake",
-    "at+gtusbsleepen",
-    "at+gtpmtime",
-    "at+slpmode",
-    "at+gtdmserv",
-    "at+cbwrite",
-    "at+cb",
-    "at+gtexitapp",
-    "at+gtping",
-    "at+gtdiagsocket",
-    "at+gtmodel",
-};
-
-// The platform answers them, and the modem sees them, too.
-const std::vector<std::string> kBothCommands{"ate",  "atq",  "atv",   "ats0",   "ats3",
-                                             "ats4", "ats5", "ats24", "at+cmee"};
-
-const std::string kNotRunning = "app-plat is not running, plz wait....\r\n";
-const std::string kMuxError = "\r\n!!!!!MUX data error!!!!!.\r\n";
 constexpr std::size_t kLongestLine = 16384;
 constexpr std::size_t kLongestPayload = 4096;
 constexpr std::size_t kLongestAnswer = 16384;
-constexpr std::size_t kLongestFrame = 127;
-constexpr char kFlag = '\xF9';
-
-std::string small(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
-    return text;
-}
-
-bool holds(const std::string& text, const std::string& word) {
-    return text.find(word) != std::string::npos;
-}
-
-bool holds_any(const std::string& text, const std::vector<std::string>& words) {
-    return std::any_of(words.begin(), words.end(),
-                       [&](const std::string& word) { return holds(text, word); });
-}
-
-bool begins(const std::string& text, const std::string& word) {
-    return small(text.substr(0, word.size())) == word;
-}
-
-std::string up_to_nul(const std::string& bytes) {
-    return bytes.substr(0, bytes.find('\0'));
-}
 
 bool is_repeat(const std::string& line) {
     return line == "A/" || line == "a/" || line == "A/\r" || line == "a/\r" || line == "A/\r\n" ||
@@ -169,39 +27,6 @@ bool is_legal(const std::string& line) {
 
 bool has_result(const std::string& text) {
     return holds_any(text, {"ok\r\n", "OK\r\n", "error", "ERROR", "no carrier", "NO CARRIER"});
-}
-
-std::string number_bytes(std::uint32_t number) {
-    std::string bytes;
-    for (int shift = 0; shift < 32; shift += 8) {
-        bytes += static_cast<char>(number >> shift & 0xFF);
-    }
-    return bytes;
-}
-
-// Three heads of 8, 12 and 24 bytes, little-endian, then the payload.
-std::string pack_bytes(unsigned kind, const std::string& payload, std::size_t content) {
-    std::string bytes = "kcap" + number_bytes(static_cast<std::uint32_t>(44 + payload.size()));
-    bytes += std::string(12, '\0') + number_bytes(kind) + std::string(12, '\0');
-    return bytes + number_bytes(static_cast<std::uint32_t>(content)) + std::string(4, '\0') +
-           payload;
-}
-
-std::string port_report(int port) {
-    constexpr std::array<std::uint32_t, kPorts> kNumbers{0, 1, 4};
-    return pack_bytes(4, number_bytes(kNumbers[static_cast<std::size_t>(port)]), 0);
-}
-
-// 3GPP TS 27.010, 5.2.1.6: over address, control and length; bit by bit.
-char check_sequence(const std::string& bytes) {
-    unsigned rest = 0xFF;
-    for (const char byte : bytes) {
-        rest ^= static_cast<unsigned char>(byte);
-        for (int bit = 0; bit < 8; ++bit) {
-            rest = (rest & 1) != 0 ? rest >> 1 ^ 0xE0 : rest >> 1;
-        }
-    }
-    return static_cast<char>(0xFF - rest);
 }
 
 const std::vector<std::pair<std::string, Broken>> kBrokenNames{
@@ -241,11 +66,11 @@ std::string broken_rule_names() {
     return names;
 }
 
-PlainModel::PlainModel(bool pcie, Broken broken) : pcie_(pcie), broken_(broken) {}
+PlainModel::PlainModel(const World& world, Broken broken) : world_(world), broken_(broken) {}
 
-Seen PlainModel::at_start() {
+Seen PlainModel::at_start() const {
     Seen seen;
-    for (int port = 0; port < kPorts; ++port) {
+    for (int port = 0; port < kPorts && world_.platform; ++port) {
         seen.platform[at(port)] = port_report(port);
     }
     return seen;
@@ -278,7 +103,7 @@ void PlainModel::play(const Step& step) {
 // --- what comes in
 
 void PlainModel::hear_host(int device, const std::string& bytes) {
-    if (bytes.empty() || (device == kPipe && !pcie_)) {
+    if (bytes.empty() || (device == kPipe && !world_.pcie)) {
         is_open_ = true;
         return;
     }
@@ -331,11 +156,12 @@ void PlainModel::hear_platform(int port, const std::vector<Pack>& packs) {
         size += pack.payload.size();
         is_open_ = is_open_ || pack.payload.size() > kLongestPayload;
     }
-    if (size == 0 || size > kLongestAnswer) {
+    if (size == 0 || size > kLongestAnswer || !world_.platform) {
         is_open_ = true;
         return;
     }
     Port& to = ports_[at(port)];
+    times_held_ += to.awaits_result ? 1 : 0;
     if (!(multiplexes_ && port == kUart)) {
         if (packs.back().kind == 2 && to.mode == 0) {
             to.mode = 4;
@@ -437,18 +263,23 @@ void PlainModel::raw_to_cp(int port, const std::string& chunk) {
 void PlainModel::echo_key(int source, const std::string& key) {
     typed_ = true;
     const int port = port_of(source);
-    if (port == kModem) {
-        seen_.hosts[kModem] += key;
-    } else if (port == kUart) {
-        seen_.hosts[kUart] += broken_ == Broken::echo_on_uart ? key : "";
-    } else {
-        if (diverted_ && client_ >= 0) {
-            seen_.clients[at(client_)].push_back(key);
-        } else {
-            seen_.hosts[kAt] += key;
-        }
-        seen_.hosts[kPipe] += pcie_ ? key : "";
+    if (port != kUart || broken_ == Broken::echo_on_uart) {
+        say(port, key);
     }
+}
+
+// What the daemon says itself; on the AT port it goes to the pipe as well.
+void PlainModel::say(int port, const std::string& text) {
+    if (port != kAt) {
+        seen_.hosts[at(port)] += text;
+        return;
+    }
+    if (diverted_ && client_ >= 0) {
+        seen_.clients[at(client_)].push_back(text);
+    } else {
+        seen_.hosts[kAt] += text;
+    }
+    seen_.hosts[kPipe] += world_.pcie ? text : "";
 }
 
 void PlainModel::gather(int source, const std::string& chunk) {
@@ -636,9 +467,23 @@ void PlainModel::send(int port, int source, const std::string& line) {
     if (from.mode != 0 && from.mode != 5) {
         return;
     }
-    pack(port, 1, line);
     from.last = line;
+    if (!world_.platform) {
+        return send_without_platform(port, source, line);
+    }
+    pack(port, 1, line);
     wait(port, source);
+}
+
+void PlainModel::send_without_platform(int port, int source, const std::string& line) {
+    if (!is_one_of(line, kWorthWaiting)) {
+        send_to_cp(port, line);
+        return wait(port, source);
+    }
+    ++times_held_;
+    if (port != kUart) {
+        say(port, kNotRunning);
+    }
 }
 
 void PlainModel::send_to_cp(int port, const std::string& line) {
@@ -675,7 +520,7 @@ void PlainModel::release(int port) {
 // --- what goes out to the host
 
 void PlainModel::to_at_port(const std::string& text) {
-    if (pcie_) {
+    if (world_.pcie) {
         seen_.hosts[kPipe] += text;
     } else if (diverted_ && client_ >= 0) {
         seen_.clients[at(client_)].push_back(text);
@@ -689,91 +534,6 @@ void PlainModel::to_host(int port, const std::string& text) {
         to_at_port(text);
     } else {
         seen_.hosts[at(port)] += text;
-    }
-}
-
-// --- the multiplexer on the UART
-
-// True: it was one.
-bool PlainModel::take_cmux_command(int source) {
-    std::string& line = lines_[at(source)];
-    if (small(name_of(line)) != "at+cmux" || holds(line, ";")) {
-        return false;
-    }
-    std::string answer = kNotRunning;
-    if (holds(line, "=?")) {
-        answer = "+CMUX: (0),(0),(1-6),(1-1509),(1-255),(0-5),(2-255),(1-255)";
-    } else if (holds(line, "x?") || holds(line, "X?")) {
-        answer = "+CMUX: " + parameters_;
-    } else if (holds(line, "=0") || holds(line, "=1")) {
-        parameters_ = std::string(holds(line, "=0") ? "0" : "1") + ",0,5,31,10,3,30,10";
-        multiplexes_ = true;
-        ports_[kUart].mode = 5;
-        answer = "\r\nOK\r\n";
-    }
-    seen_.hosts[kUart] += answer;
-    line.clear();
-    return true;
-}
-
-// Only what stands alone is told here: one frame between its own flags, or junk that cannot begin
-// one. The daemon takes cut and glued frames as well.
-void PlainModel::hear_frame(const std::string& frame) {
-    const bool is_junk = frame.find(kFlag) == std::string::npos && (frame[0] & 1) == 0;
-    if (is_junk) {
-        is_open_ = is_open_ || junk_before_;  // one refusal a run, and a run ends by time, too
-        junk_before_ = true;
-        return refuse_frame();
-    }
-    junk_before_ = false;
-    const auto length = frame.size() > 3 ? static_cast<unsigned char>(frame[3]) : 0U;
-    if (frame.size() < 6 || frame[0] != kFlag || (frame[1] & 1) == 0 || (length & 1) == 0 ||
-        frame.size() != 6 + length / 2 || frame.back() != kFlag) {
-        is_open_ = true;
-        return;
-    }
-    const auto address = static_cast<unsigned char>(frame[1]);
-    const auto control = static_cast<unsigned char>(frame[2]);
-    constexpr std::array<unsigned char, 4> kAddresses{0x03, 0x07, 0x0B, 0x13};
-    const std::array<std::string, 4> acknowledgements{
-        "\xF9\x03\x73\x01\xD7\xF9", "\xF9\x07\x73\x01\x15\xF9", "\xF9\x0B\x73\x01\x92\xF9",
-        "\xF9\x13\x3F\x01\x5D\xF9"};
-    const auto next = at(std::min(next_channel_, 3));
-    const bool is_set_up = (control & 0xEF) == 0x2F && length <= 2;
-    if (is_set_up && address == kAddresses[next]) {
-        seen_.hosts[kUart] += acknowledgements[next];
-        next_channel_ = std::min(next_channel_ + 1, 3);
-    } else if (next_channel_ == 3 && control == 0xEF) {
-        hear_payload(address, frame.substr(4, length / 2));
-    } else {
-        refuse_frame();
-    }
-}
-
-void PlainModel::refuse_frame() {
-    seen_.hosts[kUart] += kMuxError;
-}
-
-void PlainModel::hear_payload(unsigned char address, const std::string& payload) {
-    const bool dials = holds_any(payload, {"atd", "ATD"});
-    (dials ? dial_address_ : command_address_) = address;
-    if (payload.empty()) {
-        return;
-    }
-    const bool is_command = !dials && holds_any(payload, {"at", "AT"});
-    is_open_ = is_open_ || holds(payload, std::string(1, '\0'));
-    send(is_command ? kUart : kModem, kUart, payload);
-}
-
-void PlainModel::in_frames(unsigned char address, const std::string& text) {
-    if (address == 0) {
-        return;
-    }
-    for (std::size_t from = 0; from < text.size(); from += kLongestFrame) {
-        const std::string piece = text.substr(from, kLongestFrame);
-        const std::string head{static_cast<char>(address - 2), '\xEF',
-                               static_cast<char>(piece.size() * 2 + 1)};
-        seen_.hosts[kUart] += kFlag + head + piece + check_sequence(head) + kFlag;
     }
 }
 

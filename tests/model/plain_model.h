@@ -53,21 +53,22 @@ struct Progress {
 
 class PlainModel {
   public:
-    explicit PlainModel(bool pcie = false, Broken broken = Broken::none);
+    explicit PlainModel(const World& world = {}, Broken broken = Broken::none);
 
     // What is seen before the first step.
-    static Seen at_start();
+    [[nodiscard]] Seen at_start() const;
     std::optional<Seen> take(const Step& step);
     bool operator==(const PlainModel&) const = default;
 
     [[nodiscard]] const Progress& progress() const { return progress_; }
     [[nodiscard]] bool is_waiting(int port) const { return ports_[at(port)].asker >= 0; }
     // A platform's answer would be held up until the modem has given its result, or for 5 s.
-    [[nodiscard]] bool holds_platform(int port) const { return ports_[at(port)].awaits_result; }
-    [[nodiscard]] bool multiplexes() const { return multiplexes_; }
+    [[nodiscard]] bool awaits_result(int port) const { return ports_[at(port)].awaits_result; }
     // 0 commands, 2 message text, 3 data call, 4 platform data, 5 multiplexer.
     [[nodiscard]] int mode(int port) const { return ports_[at(port)].mode; }
-    [[nodiscard]] bool has_pipe() const { return pcie_; }
+    // How often so far something was held up for 5 s: a platform's answer by the modem's missing
+    // result, or a command by the missing platform.
+    [[nodiscard]] int times_held() const { return times_held_; }
 
   private:
     // Where bytes come from: the four host devices, and the UDP server.
@@ -97,6 +98,7 @@ class PlainModel {
     void done(int source);
     void gather(int source, const std::string& chunk);
     void echo_key(int source, const std::string& key);
+    void say(int port, const std::string& text);
     void take_line(int source);
     bool take_cmux_command(int source);
     void raw_to_cp(int port, const std::string& chunk);
@@ -112,6 +114,7 @@ class PlainModel {
 
     void run(int source, std::vector<std::string> commands);
     void send(int port, int source, const std::string& line);
+    void send_without_platform(int port, int source, const std::string& line);
     void send_to_cp(int port, const std::string& line);
     void pack(int port, unsigned kind, const std::string& payload);
     void wait(int port, int source);
@@ -125,7 +128,7 @@ class PlainModel {
     void refuse_frame();
     void hear_payload(unsigned char address, const std::string& payload);
 
-    bool pcie_;
+    World world_;
     Broken broken_;
     std::array<Port, kPorts> ports_;
     std::array<std::string, kSources> lines_;
@@ -141,6 +144,7 @@ class PlainModel {
     unsigned char dial_address_ = 0;
     std::string parameters_ = "0,0,0,0,0,0,0,0";
     bool junk_before_ = false;
+    int times_held_ = 0;
     Progress progress_;
     Seen seen_;
     bool is_open_ = false;  // this step's outcome depends on timing

@@ -21,9 +21,11 @@ int reported_port(const std::string& report) {
 
 }  // namespace
 
-PlatformEnd::PlatformEnd(Module& module)
-    : module_(module), listener_(module.listen("/dev/socket/qmux_webs/server_webs", SOCK_STREAM)) {
-    module_.watch(listener_.get(), [this] { accept_connection(); });
+PlatformEnd::PlatformEnd(Module& module, bool listens) : module_(module) {
+    if (listens) {
+        listener_ = module.listen("/dev/socket/qmux_webs/server_webs", SOCK_STREAM);
+        module_.watch(listener_.get(), [this] { accept_connection(); });
+    }
 }
 
 PlatformEnd::~PlatformEnd() {

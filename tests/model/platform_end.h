@@ -13,7 +13,7 @@ namespace model {
 
 class PlatformEnd {
   public:
-    explicit PlatformEnd(Module& module);
+    PlatformEnd(Module& module, bool listens);
     ~PlatformEnd();
     PlatformEnd(const PlatformEnd&) = delete;
     PlatformEnd& operator=(const PlatformEnd&) = delete;

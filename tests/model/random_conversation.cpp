@@ -6,9 +6,13 @@
 
 #include "dice.h"
 #include "plain_model.h"
+#include "plain_words.h"
 
 namespace model {
 namespace {
+
+// A step that the daemon holds up for 5 s is taken once in so many times.
+constexpr std::size_t kHold = 2000;
 
 // What a conversation is mostly about, in weights.
 struct Theme {
@@ -53,6 +57,7 @@ const std::vector<std::string> kPlatformLines{"AT+CGMR",
                                               "AT+CLVL=5",
                                               "AT+GTMODEL?",
                                               "AT+TPIN?"};
+const std::vector<std::string> kEnds{"", "", "?", "=?", "=1", "=\"a\",2", "1", ";", "X", "*"};
 const std::vector<std::string> kModemLines{"AT",
                                            "at",
                                            "AT+CFUN?",
@@ -133,11 +138,11 @@ const std::vector<std::string> kPlatformTexts{"\r\nOK\r\n",
 class Writer {
   public:
     Writer(std::uint64_t seed, std::size_t steps)
-        : dice_(seed), wanted_(steps), theme_(dice_.of(kThemes)), model_(is_pcie()) {}
+        : dice_(seed), wanted_(steps), theme_(dice_.of(kThemes)), model_(some_world()) {}
     Conversation write();
 
   private:
-    bool is_pcie();
+    World some_world();
     void begin_session();
     Step next_step();
     Step anything();
@@ -156,28 +161,30 @@ class Writer {
     Dice dice_;
     std::size_t wanted_;
     Theme theme_;
-    bool pcie_ = false;
+    World world_;
     PlainModel model_;
     std::array<std::deque<std::string>, kHostDevices + 1> pieces_;  // still to be typed
     Conversation conversation_;
 };
 
-bool Writer::is_pcie() {
-    pcie_ = dice_.one_in(5);
-    return pcie_;
+World Writer::some_world() {
+    world_ = {.pcie = dice_.one_in(5), .platform = !dice_.one_in(8)};
+    return world_;
 }
 
 Conversation Writer::write() {
-    conversation_.pcie = pcie_;
+    conversation_.world = world_;
     if (theme_.mux > 0) {
         begin_session();
     }
     for (int tries = 0; conversation_.steps.size() < wanted_ && tries < 100000; ++tries) {
         Step step = next_step();
-        const bool is_held_up = step.who == Who::platform && model_.holds_platform(step.place);
-        if ((is_held_up && !dice_.one_in(2000)) || !model_.take(step)) {
+        PlainModel after = model_;
+        if (!after.take(step) ||
+            (after.times_held() > model_.times_held() && !dice_.one_in(kHold))) {
             continue;
         }
+        model_ = after;
         step.together = !conversation_.steps.empty() && dice_.one_in(4);
         conversation_.steps.push_back(step);
     }
@@ -219,7 +226,7 @@ Step Writer::anything() {
     if (kind >= 10 || (kind == 2 && theme_.clients > 0 && dice_.one_in(4))) {
         return client_step();
     }
-    return host_step(static_cast<int>(dice_.below(pcie_ ? kHostDevices : kPorts)));
+    return host_step(static_cast<int>(dice_.below(world_.pcie ? kHostDevices : kPorts)));
 }
 
 Step Writer::host_step(int device) {
@@ -266,7 +273,8 @@ Step Writer::platform_step(int port) {
 }
 
 Step Writer::answer_step(int port) {
-    return model_.holds_platform(port) || dice_.one_in(3) ? cp_step(port) : platform_step(port);
+    return !world_.platform || model_.awaits_result(port) || dice_.one_in(3) ? cp_step(port)
+                                                                             : platform_step(port);
 }
 
 // The next piece of what a source is about, or of something new.
@@ -287,6 +295,9 @@ std::string Writer::chunk_for(std::size_t source, int port) {
 std::string Writer::command_text() {
     const int all = 40 + theme_.settings + theme_.modes + theme_.junk;
     int kind = static_cast<int>(dice_.below(static_cast<std::size_t>(all)));
+    if (kind < 6) {
+        return dice_.of(dice_.one_in(8) ? kWorthWaiting : kPlatformCommands) + dice_.of(kEnds);
+    }
     if (kind < 16) {
         return dice_.of(kPlatformLines);
     }

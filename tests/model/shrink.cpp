@@ -44,10 +44,10 @@ class Shrinker {
             shrink_bytes(at);
         }
         shrink_steps();
-        if (best_.pcie) {
-            Conversation usb = best_;
-            usb.pcie = false;
-            keep_if_it_fails(usb);
+        if (!(best_.world == World{})) {
+            Conversation usual = best_;
+            usual.world = {};
+            keep_if_it_fails(usual);
         }
         return best_;
     }

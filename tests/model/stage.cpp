@@ -20,7 +20,7 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
 constexpr auto kRound = 1ms;
-// A platform's answer waits so long for the modem's result.
+// 5 s by the rules, and some more.
 constexpr auto kHeldUp = 6s;
 constexpr std::array kHostPaths{"/dev/at_usb0", "/dev/at_usb1", "/dev/ttyMSM1", "/dev/mhi_pipe_32"};
 constexpr std::array kChannelPaths{"/dev/at_mdm0", "/dev/smd7", "/dev/smd8"};
@@ -117,9 +117,9 @@ class Stage {
     Stage(const Conversation& conversation, const PlayOptions& options)
         : conversation_(conversation),
           options_(options),
-          module_(module_options(conversation.pcie)),
-          platform_(module_),
-          model_(conversation.pcie, options.broken) {}
+          module_(module_options(conversation.world.pcie)),
+          platform_(module_, conversation.world.platform),
+          model_(conversation.world, options.broken) {}
 
     PlayResult play();
 
@@ -164,10 +164,10 @@ void Stage::start() {
     for (int client = 0; client < kClients; ++client) {
         clients_.push_back(module_.udp_client());
     }
-    if (conversation_.pcie) {
+    if (conversation_.world.pcie) {
         module_.wait_until([&] { return module_.device(kMhiPipe).polls() > 0; }, "the pipe");
     }
-    wait_for({{}, PlainModel::at_start(), false});
+    wait_for({{}, model_.at_start(), false});
     for (std::size_t at = 0; at < kHostPaths.size(); ++at) {
         host_polls_[at] = module_.device(kHostPaths[at]).polls();
     }
@@ -225,10 +225,8 @@ std::optional<PlainModel> Stage::take_in_any_order(const std::vector<Step>& step
         PlainModel one = model_;
         Seen all;
         for (const std::size_t at : order) {
-            const bool is_held_up =
-                steps[at].who == Who::platform && one.holds_platform(steps[at].place);
             const auto seen = one.take(steps[at]);
-            if (!seen || is_held_up) {
+            if (!seen || one.times_held() > model_.times_held()) {
                 return std::nullopt;
             }
             append(all, *seen);
@@ -243,9 +241,9 @@ std::optional<PlainModel> Stage::take_in_any_order(const std::vector<Step>& step
 }
 
 void Stage::play_one(const Step& step) {
-    const bool is_held_up = step.who == Who::platform && model_.holds_platform(step.place);
+    const int held = model_.times_held();
     if (const auto wanted = model_.take(step)) {
-        play_group({{step}, *wanted, is_held_up});
+        play_group({{step}, *wanted, model_.times_held() > held});
     }
 }
 
