@@ -53,8 +53,6 @@ struct Port {
     void wait_until_opened(int times) const { faulted.wait_until_served(host().path(), times); }
 };
 
-using Action = void (*)(const Port&);
-
 void unplug(const Port& port) {
     const int closes = port.device().closes();
     if (port.index == kPipe) {
@@ -183,19 +181,7 @@ void flood(const Port& port) {
     end_line(port);
 }
 
-struct Row {
-    const char* name;
-    Action begin;
-    Action end;
-    bool is_road_used_on = false;  // while the fault lasts
-    bool is_typed_on = false;      // which takes the AT port's answers back from UDP and QMI
-};
-
-void PrintTo(const Row& row, std::ostream* out) {
-    *out << row.name;
-}
-
-void nothing(const Port& /*port*/) {}
+using Row = FaultRow<Port>;
 
 constexpr Row kRows[] = {
     {"Vanishes", unplug, plug},
@@ -209,8 +195,7 @@ constexpr Row kRows[] = {
 };
 
 Fault fault_of(const Row& row, int port) {
-    Fault fault;
-    fault.name = row.name;
+    Fault fault = row.at(port);
     fault.link = port == kPipe ? Link::pcie : Link::usb;
     if (!row.is_road_used_on) {
         fault.concerned = roads_of(port);
@@ -218,8 +203,6 @@ Fault fault_of(const Row& row, int port) {
     if (row.is_typed_on && (port == kAtPort || port == kUart)) {
         fault.concerned.insert(fault.concerned.end(), {"udp", "qmi"});
     }
-    fault.begin = [begin = row.begin, port](FaultedModule& faulted) { begin({faulted, port}); };
-    fault.end = [end = row.end, port](FaultedModule& faulted) { end({faulted, port}); };
     return fault;
 }
 

@@ -37,10 +37,6 @@ struct Channel {
     }
 };
 
-using Action = void (*)(const Channel&);
-
-void nothing(const Channel& /*channel*/) {}
-
 void close_channel(const Channel& channel) {
     channel.modem().close();
 }
@@ -128,17 +124,7 @@ void flood(const Channel& channel) {
     }
 }
 
-struct ChannelRow {
-    const char* name;
-    Action begin;
-    Action end;
-    bool is_road_used_on = false;
-    bool is_typed_on = false;  // which takes the AT port's answers back from UDP and QMI
-};
-
-void PrintTo(const ChannelRow& row, std::ostream* out) {
-    *out << row.name;
-}
+using ChannelRow = FaultRow<Channel>;
 
 constexpr ChannelRow kChannelRows[] = {
     {"Vanishes", close_channel, open_channel},
@@ -155,16 +141,13 @@ class FaultSuiteModem : public testing::TestWithParam<std::tuple<int, ChannelRow
 
 TEST_P(FaultSuiteModem, OthersKeepTheirAnswersAndItIsServedAgain) {
     const auto& [index, row] = GetParam();
-    Fault fault;
-    fault.name = row.name;
+    Fault fault = row.at(index);
     if (!row.is_road_used_on) {
         fault.concerned = {kNames[static_cast<std::size_t>(index)]};
         if (index == 1 || (index == 2 && row.is_typed_on)) {
             fault.concerned.insert(fault.concerned.end(), {"udp", "qmi"});
         }
     }
-    fault.begin = [begin = row.begin, at = index](FaultedModule& f) { begin({f, at}); };
-    fault.end = [end = row.end, at = index](FaultedModule& f) { end({f, at}); };
     expect_survived(fault);
 }
 

@@ -44,6 +44,33 @@ struct Fault {
 // For the test's name.
 std::ostream& operator<<(std::ostream& out, const Fault& fault);
 
+// The same of any of a few alike ends, each of them {module, index}.
+template <class End>
+struct FaultRow {
+    const char* name;
+    void (*begin)(const End&);
+    void (*end)(const End&);
+    bool is_road_used_on = false;  // while the fault lasts
+    bool is_typed_on = false;      // which takes the AT port's answers back from UDP and QMI
+
+    [[nodiscard]] Fault at(int index) const {
+        return {.name = name,
+                .concerned = {},
+                .begin =
+                    [this, index](FaultedModule& faulted) {
+                        begin({faulted, index});
+                    },
+                .end =
+                    [this, index](FaultedModule& faulted) {
+                        end({faulted, index});
+                    }};
+    }
+    friend void PrintTo(const FaultRow& row, std::ostream* out) { *out << row.name; }
+};
+
+template <class End>
+void nothing(const End& /*end*/) {}
+
 // Twice over: the others keep their answers, no thread of the daemon or of the QMI service spins,
 // and behind the fault every road is served again, with no more descriptors or memory the second
 // time.
