@@ -73,6 +73,7 @@ TEST_F(Refusals, AGuardThatCannotUnlockSaysSo) {
 
 TEST_F(Refusals, WithoutASocketAPortHasNoPlatformConnection) {
     for (const PortRecord& port : g_ports) {
+        close_platform_connection(port);  // of a test before this one in the process
         system_.answer(Call::socket, -1, EMFILE);
         EXPECT_THAT(log_of([&] { EXPECT_EQ(open_platform_connection(port), kNoSocket); }),
                     HasSubstr("client socket failed, info:Too many open files"));
