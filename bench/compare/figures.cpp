@@ -1,7 +1,9 @@
 #include "figures.h"
 
 #include <poll.h>
+#include <sys/prctl.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <future>
 
@@ -125,6 +127,22 @@ json measure_latency(Rig& rig, Contestant& contestant, const Amounts& amounts) {
         rest();
     }
     return {{"figure", "latency"}, {"samples_ns", samples}};
+}
+
+json measure_rests() {
+    constexpr int kRests = 100;
+    constexpr useconds_t kRestUs = 1000;
+    std::vector<int64_t> samples;
+    samples.reserve(kRests);
+    std::thread([&samples] {
+        prctl(PR_SET_TIMERSLACK, 1UL);  // as the daemon's threads
+        for (int i = 0; i < kRests; ++i) {
+            const int64_t begin = now_ns();
+            usleep(kRestUs);
+            samples.push_back(now_ns() - begin);
+        }
+    }).join();
+    return {{"figure", "rest"}, {"samples_ns", samples}};
 }
 
 json measure_rate(Rig& rig, Contestant& contestant, const Amounts& amounts, int ports,

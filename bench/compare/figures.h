@@ -22,6 +22,10 @@ nlohmann::json measure_latency(Rig& rig, Contestant& contestant, const Amounts& 
 nlohmann::json measure_rate(Rig& rig, Contestant& contestant, const Amounts& amounts, int ports,
                             std::string_view command);
 
+// What a rest of 1 ms lasts on this machine, in nanoseconds, one by one: timers and wake-ups add to
+// it, whoever rests.
+nlohmann::json measure_rests();
+
 enum class Direction { to_modem, to_host };
 // Data after a dial, in chunks of this size as fast as they are taken.
 nlohmann::json measure_stream(Rig& rig, Contestant& contestant, const Amounts& amounts,

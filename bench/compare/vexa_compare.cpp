@@ -45,6 +45,7 @@ void measure_streams(Rig& rig, Contestant& contestant, const Kind& kind, const A
 void compare_all(int rounds, const Amounts& amounts) {
     Rig rig;
     for (int round = 0; round < rounds; ++round) {
+        tell(measure_rests(), kContestants.front(), round);
         for (std::size_t turn = 0; turn < kContestants.size(); ++turn) {
             // Each round begins with another one.
             const auto first = static_cast<std::size_t>(round);

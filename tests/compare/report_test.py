@@ -46,6 +46,10 @@ class Sums(unittest.TestCase):
         self.assertEqual(summed["daemon"]["rate_1"], 500)
         self.assertEqual(summed["daemon"]["platform_rate_3"], 900)
 
+    def test_a_rest_is_the_machines_not_a_contestants_answer(self) -> None:
+        summed = sum_up([{"by": "pty pair", "figure": "rest", "samples_ns": [1e6, 1.1e6, 9e6]}])
+        self.assertEqual(summed["pty pair"], {"rest_ms": 1.1})
+
     def test_a_chunk_to_the_host_is_timed_where_chunks_were_counted(self) -> None:
         summed = sum_up([stream("daemon", 3, "to host", 250), stream("socat", 50, "to host")])
         self.assertEqual(summed["daemon"]["chunk_ms_1500"], 2)

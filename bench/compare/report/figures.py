@@ -20,6 +20,7 @@ class Figure:
 
 
 FIGURES = (
+    Figure("rest_ms", "a rest of 1 ms on this machine", "ms", 3, False),
     Figure("answer_us_median", "answer, median", "µs", 0, False),
     Figure("answer_us_p99", "answer, 99 of 100 within", "µs", 0, False),
     Figure("taken_us", "answer to next command taken, median", "µs", 0, False),
@@ -73,6 +74,9 @@ def sum_up(records: Iterable[Record]) -> dict[str, Values]:
     samples: dict[str, list[float]] = defaultdict(list)
     for record in records:
         of_one = rounds[record["by"]]
+        if record["figure"] == "rest":
+            of_one["rest_ms"].append(median(record["samples_ns"]) / 1e6)
+            continue
         if record["figure"] == "latency":
             samples[record["by"]] += [sample / 1e3 for sample in record["samples_ns"]]
             continue
