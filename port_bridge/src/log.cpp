@@ -46,10 +46,12 @@ bool log_goes_to_diag() {
 void print_log_line(const char* function, int line, const char* format, ...) {
     LogText text(stdout);
     text.add(time_stamp());
+    text.hand_over();
     text.add(function);
     text.add('(');
     text.add_decimal(static_cast<std::size_t>(line));
     text.add("):");
+    text.hand_over();
     va_list arguments;
     va_start(arguments, format);
     text.add_formatted(format, arguments);

@@ -42,7 +42,8 @@ consteval std::array<char, size> diag_format(const char (&format)[size]) {
 // Whether messages go to the diagnostic channel now: g_qxdm_log is 1.
 bool log_goes_to_diag();
 
-// One message on standard output: time stamp, function and line, message.
+// One message on standard output, in three writes: time stamp, function and line, message. Another
+// thread's may come between them.
 void print_log_line(const char* function, int line, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 // Text as it stands, without a stamp, whatever g_qxdm_log says: VEXA_PRINT.

@@ -54,12 +54,13 @@ class LogText {
     void add_decimal(std::size_t value);
     // As printf would, for a format that is_log_format().
     void add_formatted(const char* format, va_list arguments);
+    // What was gathered goes to the stream now.
+    void hand_over();
 
   private:
     [[nodiscard]] std::size_t room() const { return area_.size() - length_; }
     // False when the text went to the stream at once, because the area will never hold it.
     bool make_room_for(std::string_view text);
-    void hand_over();
     void add_signed(int value);
     void add_hexadecimal(std::size_t value);
     void add_pointer(const void* pointer);

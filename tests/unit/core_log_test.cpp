@@ -12,6 +12,8 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "platform_pack.h"
 #include "shared_int.h"
@@ -64,6 +66,27 @@ TEST_F(LogTest, EntryLineIsStampFunctionLineAndMessage) {
     EXPECT_THAT(logged_with(0),
                 MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} "
                              "logged_with\\([0-9]+\\):main enter. 201909191715.0.0.\r\n"));
+}
+
+TEST_F(LogTest, ALineIsThreeWritesStampPlaceAndMessage) {
+    std::vector<std::string> writes;
+    const cookie_io_functions_t gather{
+        nullptr,
+        [](void* cookie, const char* text, std::size_t size) {
+            static_cast<std::vector<std::string>*>(cookie)->emplace_back(text, size);
+            return static_cast<ssize_t>(size);
+        },
+        nullptr, nullptr};
+    FILE* const gathered = fopencookie(&writes, "w", gather);
+    setvbuf(gathered, nullptr, _IONBF, 0);
+    FILE* const standard = std::exchange(stdout, gathered);
+    VEXA_LOG("%s enter. 201909191715.%d.%d.\r\n", "main", 0, 0);
+    stdout = standard;
+    fclose(gathered);
+    ASSERT_EQ(writes.size(), 3);
+    EXPECT_THAT(writes[0], MatchesRegex("[0-9-]{10} [0-9:]{8} "));
+    EXPECT_THAT(writes[1], MatchesRegex("TestBody\\([0-9]+\\):"));
+    EXPECT_EQ(writes[2], "main enter. 201909191715.0.0.\r\n");
 }
 
 TEST_F(LogTest, OnlyExactlyOneChoosesTheDiagnosticChannel) {
