@@ -45,13 +45,13 @@ PlayResult play_untorn(const Conversation& conversation, const PlayOptions& opti
 }
 
 Finding pursue(const Conversation& conversation, const PlayResult& first,
-               const PlayOptions& options, const std::function<void()>& progress) {
+               const PlayOptions& options, const std::function<bool()>& goes_on) {
     PlayOptions quick = options;
     quick.deadline = kShrinkDeadline;
     quick.rest = kShrinkRest;
     const auto fails = [&](const Conversation& less) {
-        if (progress) {
-            progress();
+        if (goes_on && !goes_on()) {
+            return false;
         }
         const PlayResult result = play_untorn(less, quick);
         // On a busy machine what is due may be late; that does not pass for wrong bytes.

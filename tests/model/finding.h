@@ -17,9 +17,9 @@ struct Finding {
 // Plays again what the system tore.
 PlayResult play_untorn(const Conversation& conversation, const PlayOptions& options);
 
-// Shortens a conversation that differed. `progress` is told of every attempt.
+// Shortens a conversation that differed. `goes_on` is asked before every attempt.
 Finding pursue(const Conversation& conversation, const PlayResult& first,
-               const PlayOptions& options, const std::function<void()>& progress = {});
+               const PlayOptions& options, const std::function<bool()>& goes_on = {});
 
 // Without the steps that cannot be played, and with what it showed as its reason.
 std::string kept_text(const Finding& finding, const std::string& origin);

@@ -426,7 +426,16 @@ void PlayCounts::add(const PlayCounts& more) {
 }
 
 PlayResult play(const Conversation& conversation, const PlayOptions& options) {
-    return Stage(conversation, options).play();
+    try {
+        return Stage(conversation, options).play();
+    } catch (const ExpectationFailed& failure) {
+        PlayResult result;
+        result.differs = true;
+        result.step = conversation.steps.size();
+        result.place = "module";
+        result.what = failure.what();
+        return result;
+    }
 }
 
 }  // namespace model

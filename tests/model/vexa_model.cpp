@@ -52,6 +52,7 @@ void print_difference(const model::PlayResult& result, const model::Conversation
         printf("after the last step\n");
     }
     printf("%s\n", result.what.c_str());
+    fflush(stdout);
 }
 
 class Runs {
@@ -116,7 +117,8 @@ bool Runs::find_in(std::uint64_t seed) {
     const auto result = model::play_untorn(conversation, options_);
     counts_.add(result.counts);
     report_now_and_then();
-    if (!result.differs) {
+    // Ctrl-C reaches the daemon, too.
+    if (!result.differs || g_interrupted != 0) {
         return true;
     }
     printf("seed %llu differs ", static_cast<unsigned long long>(seed));
@@ -125,6 +127,7 @@ bool Runs::find_in(std::uint64_t seed) {
     const auto finding = model::pursue(conversation, result, options_, [] {
         printf(".");
         fflush(stdout);
+        return g_interrupted == 0;
     });
     const std::string origin = "seed " + std::to_string(seed);
     printf("\n%s", model::kept_text(finding, origin).c_str());
