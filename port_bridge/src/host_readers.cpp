@@ -27,7 +27,6 @@ namespace {
 
 constexpr short kHostEvents = POLLIN | POLLPRI | POLLERR | POLLHUP;
 static_assert(kHostEvents == 0x1B);
-constexpr short kLostEvents = POLLERR | POLLHUP | POLLNVAL;
 // The UART's reader ends when an open fails with this many failures behind it.
 constexpr int kMostUartOpenFailures = 60;
 
@@ -80,6 +79,11 @@ void give_back_response_wait(const PortRecord& port) {
     pthread_cond_destroy(&port.response_cond);
     pthread_mutex_destroy(&port.response_mutex);
     g_wait_destroyed[port.index] = true;
+}
+
+// A number that is no descriptor's comes alone, and only a new open ends it.
+bool is_lost(short revents) {
+    return (revents & (POLLERR | POLLHUP)) != 0 || revents == POLLNVAL;
 }
 
 enum class Next { go_on, end, end_at_once };
@@ -175,7 +179,7 @@ Next HostReader::pass() {
         VEXA_LOG("POLLERR is set.\r\n");
     if ((revents_ & POLLHUP) != 0)
         VEXA_LOG("POLLHUP is set.\r\n");
-    if (polled.result < 0 || (revents_ & kLostEvents) != 0) {
+    if (polled.result < 0 || is_lost(revents_)) {
         send_dtr_low();
         close_port();
         return Next::go_on;

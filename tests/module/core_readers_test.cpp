@@ -96,6 +96,60 @@ TEST_P(CoreReaders, HostControlLinesReachTheModem) {
     wait_for_control_lines(channel_device(), 0x47);
     module_.wait_for_log("TIOCMGET on '" + std::string(names().host) +
                          "' returned 0, signals=0x47 (0x1 | DTR | CD | RTS)");
+    module_.wait_for_log("TIOCMSET on '" + std::string(names().channel) +
+                         "' returned 0, signals=0x47 (0x1 | DTR | CD | RTS)");
+    EXPECT_GE(module_.log_count("POLLPRI is set.\n"), 1);
+}
+
+TEST_P(CoreReaders, HostControlLinesGoBeforeTheDataOfTheSamePoll) {
+    host_device().set_modem_bits(0x47);
+    // A read would block: the data behind the event comes later.
+    host_device().raise(POLLPRI | POLLIN);
+    wait_for_control_lines(channel_device(), 0x47);
+    expect_road();
+}
+
+TEST_P(CoreReaders, EachStepOfAChunkIsTold) {
+    expect_road();
+    const std::string host_path = names().host;
+    const std::string log_name = names().log_name;
+    const bool is_modem = GetParam() == 0;
+    const bool is_uart = GetParam() == 2;
+    const std::string member = is_modem ? "usb_to_modem_bridge" : "usb_atport_to_modem_bridge";
+    std::vector<std::string> steps = {member + " enter.\n"};
+    if (is_uart) {
+        steps.emplace_back("usb_uartport_to_modem_bridge open before......\n");
+        steps.emplace_back("usb_uartport_to_modem_bridge open after......\n");
+    } else {
+        steps.push_back(member + " Attempting to open '" + host_path + "'...");
+    }
+    steps.push_back("====>:Blocking open on '" + host_path + "' fd:");
+    steps.emplace_back("POLLIN is set.\n");
+    steps.push_back("read from '" + host_path + "' num_read 9.\r\n");
+    if (!is_modem)
+        steps.push_back("set g_at_over_sokcet_enable in " + log_name + ".\r\n");
+    steps.push_back("before common_input_atcmd_proc(" + log_name + "). cond:0x");
+    const std::string log = module_.log();
+    std::size_t at = 0;
+    for (const std::string& step : steps) {
+        const std::size_t found = log.find(step, at);
+        ASSERT_NE(found, std::string::npos) << step << log;
+        at = found + 1;
+    }
+    EXPECT_EQ(module_.log_count("set g_at_over_sokcet_enable in mport."), 0);
+    // The UART's entry line is the AT port's.
+    EXPECT_EQ(module_.log_count("usb_atport_to_modem_bridge enter.\n"), 2);
+}
+
+TEST_P(CoreReaders, EventsThatNobodyAskedForAreToldOfOnTheModemPort) {
+    host_device().raise(POLLNVAL | POLLIN);
+    module_.wait_for_log("POLLIN is set.\n");  // and now it reads, which blocks
+    expect_road();
+    host().write("AT+CFUN?\r");  // the next pass has begun: the chunk before has had its say
+    channel().expect("AT+CFUN?\r");
+    EXPECT_EQ(module_.log_count("An unrecognized event happened!  pollinfo.revents=0x21\r\n"),
+              GetParam() == 0 ? 1 : 0);
+    EXPECT_EQ(host_device().closes(), 0);
 }
 
 TEST_P(CoreReaders, ModemControlLinesReachTheHost) {
@@ -111,6 +165,7 @@ TEST_P(CoreReaders, HangUpDropsDtrAndKeepsTheOtherLines) {
     host().replug();
     wait_for_sets(channel_device(), 2);
     EXPECT_EQ(channel_device().modem_bits(), 0x45);
+    module_.wait_for_log("POLLHUP is set.");
     module_.wait_for_log("Sending DTR low signal to MODEM.");
 }
 

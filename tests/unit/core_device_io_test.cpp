@@ -8,46 +8,14 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <ctime>
-#include <functional>
 #include <string>
 #include <vector>
 
 #include "descriptors.h"
+#include "recorded_sleeps.h"
 #include "shared_int.h"
 #include "udp_server.h"
 #include "vexa_common_def.h"
-
-namespace {
-
-// While one lives, the pauses of this thread are recorded and handed to `instead`, not slept.
-struct RecordedSleeps {
-    explicit RecordedSleeps(std::function<void()> what) : instead(std::move(what)) {
-        t_current = this;
-    }
-    ~RecordedSleeps() { t_current = nullptr; }
-    RecordedSleeps(const RecordedSleeps&) = delete;
-    RecordedSleeps& operator=(const RecordedSleeps&) = delete;
-
-    std::function<void()> instead;
-    std::vector<unsigned> seconds;
-    static thread_local RecordedSleeps* t_current;
-};
-thread_local RecordedSleeps* RecordedSleeps::t_current = nullptr;
-
-}  // namespace
-
-// Takes the place of the C library's for the whole program; every other caller sleeps as usual.
-extern "C" unsigned sleep(unsigned seconds) {
-    RecordedSleeps* recorded = RecordedSleeps::t_current;
-    if (recorded == nullptr) {
-        timespec left = {static_cast<time_t>(seconds), 0};
-        return nanosleep(&left, &left) == 0 ? 0 : static_cast<unsigned>(left.tv_sec) + 1;
-    }
-    recorded->seconds.push_back(seconds);
-    recorded->instead();
-    return 0;
-}
 
 namespace {
 

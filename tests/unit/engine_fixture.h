@@ -157,6 +157,7 @@ class EngineFixture : public ::testing::Test {
   protected:
     EngineFixture() {
         reset_engine_settings();
+        store_shared(g_qxdm_log, log_sink_);
         usb_fd = usb_modem.daemon_fd;
         usb_atport_fd = usb_at.daemon_fd;
         usb_atport_fd_pcie = -1;
@@ -169,6 +170,7 @@ class EngineFixture : public ::testing::Test {
     ~EngineFixture() override {
         usb_fd = usb_atport_fd = usb_atport_fd_pcie = usb_uartport_fd = -1;
         reset_engine_settings();
+        store_shared(g_qxdm_log, log_sink_);
     }
     EngineFixture(const EngineFixture&) = delete;
     EngineFixture& operator=(const EngineFixture&) = delete;
@@ -184,6 +186,7 @@ class EngineFixture : public ::testing::Test {
     // What the three hosts have received; empty for a silent engine.
     std::string all_hosts() { return usb_modem.bytes() + usb_at.bytes() + uart.bytes(); }
 
+    const int log_sink_ = load_shared(g_qxdm_log);  // as the run was told (log_sink.cpp)
     Device usb_modem{SOCK_STREAM};
     Device usb_at{SOCK_STREAM};
     Device uart{SOCK_STREAM};

@@ -2,6 +2,7 @@
 // messages carry fewer arguments than those of standard output.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstdlib>
 
 #include "shared_int.h"
@@ -11,6 +12,13 @@ namespace {
 
 class LogSink : public testing::EmptyTestEventListener {
     void OnTestStart(const testing::TestInfo& /*test*/) override { store_shared(g_qxdm_log, 1); }
+    void OnTestEnd(const testing::TestInfo& test) override {
+        if (load_shared(g_qxdm_log) == 1)
+            return;
+        // A failure that is noted here would not count any more.
+        fprintf(stderr, "%s took the log off the diagnostic channel\n", test.name());
+        abort();
+    }
 };
 
 [[gnu::constructor]] void log_where_told() {

@@ -78,6 +78,12 @@ int __wrap_sem_init(sem_t* semaphore, int shared, unsigned value) {
     return given ? *given : __real_sem_init(semaphore, shared, value);
 }
 
+int __real_sem_wait(sem_t* semaphore);
+int __wrap_sem_wait(sem_t* semaphore) {
+    const auto given = answered(Call::sem_wait);
+    return given ? *given : __real_sem_wait(semaphore);
+}
+
 using Entry = void* (*)(void*);
 int __real_pthread_create(pthread_t* thread, const pthread_attr_t* how, Entry entry, void* arg);
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* how, Entry entry, void* arg) {

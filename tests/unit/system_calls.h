@@ -8,6 +8,7 @@
 enum class Call {
     access,
     sem_init,
+    sem_wait,
     pthread_create,
     socket,
     setsockopt,
