@@ -38,9 +38,14 @@ TEST_P(Engine, ACompleteLineThatIsIllegalIsDroppedWithoutAnAnswer) {
 TEST_P(Engine, AnEmptyChunkIsDealtWith) {
     testing::internal::CaptureStdout();
     EXPECT_EQ(own.feed(""), 1);
-    EXPECT_NE(testing::internal::GetCapturedStdout().find(
-                  "!!!!!!common_input_atcmd_proc read data 0 !!!!"),
-              std::string::npos);
+    char area[] = "AT\r";
+    EXPECT_EQ(common_input_atcmd_proc(-1, area, -1, &own.record.mode, &own.record.response_mutex,
+                                      &own.record.response_cond, &own.tinfo),
+              1);
+    const std::string log = testing::internal::GetCapturedStdout();
+    EXPECT_NE(log.find("!!!!!!common_input_atcmd_proc read data 0 !!!!0,"), std::string::npos);
+    EXPECT_NE(log.find("!!!!!!common_input_atcmd_proc read data 0 !!!!-1,"), std::string::npos);
+    EXPECT_EQ(own.line(), "");
 }
 
 TEST_P(Engine, RepeatsTheLastLine) {
@@ -89,6 +94,12 @@ TEST_P(Engine, BackspaceOnAnEmptyLineLeavesItEmpty) {
     EXPECT_EQ(own.line(), "");
     own.feed("AT\r");
     EXPECT_EQ(own.cp.messages(), (Lines{"AT\r"}));
+}
+
+TEST_P(Engine, BackspaceEditsWhateverS5Is) {
+    store_shared(g_ats5_cmd_line_edit_char, '#');
+    for (const char* key : {"A", "T", "+", "\b", "#", "\r"}) own.feed(key);
+    EXPECT_EQ(own.cp.messages(), (Lines{"AT#\r"}));
 }
 
 TEST_P(Engine, TypedCharactersAreEchoedAtOnceBackspaceToo) {
@@ -243,6 +254,26 @@ TEST_P(Engine, PppDataGoesThroughAndTheEscapesEndTheMode) {
         EXPECT_EQ(own.feed(row.chunk), 1) << row.why;
         EXPECT_EQ(own.cp.messages(), (Lines{row.chunk})) << row.why;
         EXPECT_EQ(own.mode(), row.mode) << row.why;
+    }
+}
+
+// While another holds CP's lock the mode has moved already and nothing is written.
+TEST_P(Engine, TheEndOfRawInputMovesTheModeAndThenIsWrittenUnderCpsLock) {
+    struct {
+        int mode;
+        const char* end;
+    } const rows[] = {{USB_PORT_SMS_MODE, "text\x1A"}, {USB_PORT_PPP_MODE, "+++"}};
+    for (const auto& row : rows) {
+        own.set_mode(row.mode);
+        pthread_mutex_lock(&own.cp_mutex);
+        std::thread reader([&] { own.feed(row.end); });
+        constexpr int kDeadlineMs = 60'000;
+        for (int ms = 0; ms < kDeadlineMs && own.mode() != USB_PORT_ATCMD_MODE; ++ms) usleep(1000);
+        EXPECT_EQ(own.mode(), USB_PORT_ATCMD_MODE);
+        EXPECT_TRUE(own.cp.messages().empty());
+        pthread_mutex_unlock(&own.cp_mutex);
+        reader.join();
+        EXPECT_EQ(own.cp.messages(), (Lines{row.end}));
     }
 }
 

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "device_io.h"
+#include "refusing_mutex.h"
 #include "shared_device.h"
 #include "vexa_common_def.h"
 
@@ -141,6 +142,27 @@ TEST(SharedDevice, NodesAreTheFixedOnes) {
 
 TEST(SharedDevice, SlotsStartClosed) {
     for (const SlotRow& row : kSlots) EXPECT_EQ(*row.slot, -1) << row.name;
+}
+
+TEST(DeviceLocks, EachCallOnADeviceIsMadeUnderItsMutexAlone) {
+    for (const SlotRow& row : kSlots) {
+        const Pipe pipe;
+        ASSERT_EQ(write(pipe.write_end, "x", 1), 1);
+        const DeviceEnd device = {row.name, row.slot, row.mutex};
+        {
+            const RefusingMutex held(*row.mutex);
+            EXPECT_EQ(held.tries_of([&] { store_device(device, pipe.read_end); }), 1) << row.name;
+            EXPECT_EQ(*row.slot, pipe.read_end) << "it is done all the same";
+            char buffer[kDeviceReadSize + 1] = {};
+            EXPECT_EQ(held.tries_of([&] { read_device(device, pipe.read_end, buffer); }), 1);
+            EXPECT_STREQ(buffer, "x");
+            int lines = 0;
+            EXPECT_EQ(held.tries_of([&] { get_control_lines(device, lines); }), 1) << row.name;
+            EXPECT_EQ(held.tries_of([&] { set_control_lines(device, lines); }), 1) << row.name;
+        }
+        const QuietStdout quiet;
+        close_fd_mutexed(row.name, row.slot, row.mutex);
+    }
 }
 
 TEST(SharedDevice, OpenedDevicesCloseOnExecAndAreNoControllingTerminal) {

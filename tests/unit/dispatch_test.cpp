@@ -3,6 +3,8 @@
 #include <chrono>
 
 #include "engine_fixture.h"
+#include "refusing_mutex.h"
+#include "system_calls.h"
 
 namespace {
 
@@ -130,6 +132,14 @@ TEST_P(Dispatch, AFailedWriteClosesTheChannelAndMarksNothing) {
     EXPECT_EQ(last_line(own), "AT+CFUN?\r");
 }
 
+TEST_P(Dispatch, LinesForCpAreWrittenUnderItsLockAlone) {
+    const RefusingMutex held(own.cp_mutex);
+    EXPECT_EQ(held.tries_of([this] { dispatch(own, "AT+CFUN?\r"); }), 1);
+    EXPECT_EQ(held.tries_of([this] { dispatch(own, "ATE1\r"); }), 1) << "forwarded to CP too";
+    EXPECT_EQ(held.tries_of([this] { dispatch(own, "AT+CSQ\r"); }), 0) << "the platform's";
+    EXPECT_EQ(own.cp.messages(), (Lines{"AT+CFUN?\r", "ATE1\r"})) << "written all the same";
+}
+
 TEST_P(Dispatch, MissingArgumentsSendNothing) {
     const PortRecord& record = own.record;
     pthread_mutex_t* mutex = &record.response_mutex;
@@ -172,6 +182,30 @@ TEST_F(DispatchWait, NoCommandWaitsWhileTheMultiplexerRuns) {
     pthread_mutex_unlock(&held);
     pthread_mutex_destroy(&held);
     pthread_mutexattr_destroy(&attributes);
+}
+
+// A wait would have to lock the port's mutex, which refuses and says so.
+TEST_F(DispatchWait, ALineThatWasNotSentWholeIsNotWaitedFor) {
+    struct {
+        int sent;
+        int waits;
+        const char* why;
+    } const rows[] = {
+        {0, 0, "nothing went out"},  {1, 0, "a part"},          {6, 0, "all but one byte"},
+        {7, 1, "the line's length"}, {51, 1, "with its heads"},
+    };
+    const Answerer answerer(g_cond_mport);
+    const RefusingMutex held(g_mut_mport);
+    SystemCalls system;
+    for (const auto& row : rows) {
+        system.answer(Call::send, row.sent);
+        int result = -1;
+        EXPECT_EQ(held.tries_of([&] { result = dispatch(modem_port, "AT+CSQ\r"); }), row.waits)
+            << row.why;
+        EXPECT_EQ(result, row.sent) << row.why;
+    }
+    EXPECT_TRUE(modem_port.cp.messages().empty());
+    EXPECT_EQ(all_hosts(), "");
 }
 
 TEST_F(DispatchWait, AQuickAnswerResetsTheCountOnTheDevicesGivenOnly) {

@@ -1,6 +1,7 @@
 #include "host_port_writers.h"
 
 #include "engine_fixture.h"
+#include "refusing_mutex.h"
 
 namespace {
 
@@ -63,6 +64,45 @@ TEST_F(HostPortWriters, AtPortTextGoesToTheLivePipeToo) {
         EXPECT_EQ(pipe.bytes(), row.piped ? "x" : "") << row.why;
         EXPECT_EQ(all_hosts(), "xxx") << row.why;
     }
+}
+
+TEST_F(HostPortWriters, EachWritesUnderTheMutexesOfItsOwnPort) {
+    pthread_mutex_t* const mutexes[kPortCount][2] = {
+        {&g_mutex_usb_devie, &usb_mutex},
+        {&g_mutex_usb_atport_devie, &usb_atport_mutex},
+        {&g_mutex_usb_uartport_devie, &usb_uartport_mutex}};
+    for (int mutexes_port = 0; mutexes_port < kPortCount; ++mutexes_port)
+        for (pthread_mutex_t* const mutex : mutexes[mutexes_port]) {
+            const RefusingMutex held(*mutex);
+            for (int i = 0; i < kPortCount; ++i)
+                EXPECT_EQ(held.tries_of([i] { kWriters[i]("x", 1, 0); }), i == mutexes_port ? 1 : 0)
+                    << "writer " << i << ", mutex of " << mutexes_port;
+            EXPECT_EQ(all_hosts(), "xxx") << "it is written all the same";
+        }
+}
+
+TEST_F(HostPortWriters, TheLivePipeIsWrittenUnderTheWritersMutexToo) {
+    Device pipe(SOCK_STREAM);
+    store_shared(g_vexa_pcie_enabled, 1);
+    store_shared(g_mhi_ctrl_state, VEXA_MHI_CTRL_CONNECTED_FULL);
+    usb_atport_fd_pcie = pipe.daemon_fd;
+    store_shared(g_fd_usb_atport_device, static_cast<int*>(nullptr));  // the pipe is the one write
+    pthread_mutex_lock(&usb_atport_mutex);
+    std::thread writer([] { send_result_to_usb_atport("x", 1, 0); });
+    int held = 0;  // looks in a row: the writer is in the middle of the pipe's write
+    for (int ms = 0; ms < 60'000 && held < 5; ++ms) {
+        usleep(1000);
+        if (pthread_mutex_trylock(&g_mutex_usb_atport_devie) == 0) {
+            pthread_mutex_unlock(&g_mutex_usb_atport_devie);
+            held = 0;
+        } else {
+            ++held;
+        }
+    }
+    EXPECT_EQ(held, 5);
+    pthread_mutex_unlock(&usb_atport_mutex);
+    writer.join();
+    EXPECT_EQ(pipe.bytes(), "x");
 }
 
 TEST_F(HostPortWriters, ModesOfTheModemPortFromOutside) {

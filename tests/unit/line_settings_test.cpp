@@ -1,9 +1,26 @@
 #include "line_settings.h"
 
 #include "input_source.h"
+#include "port_state.h"
 #include "shared_int.h"
 
 namespace {
+
+// In a process of its own, as each test is run, these are what the daemon starts with.
+TEST(SettingsAtStart, AreTheStandardOnes) {
+    EXPECT_EQ(g_ats3_carriage_return_char, 13);
+    EXPECT_EQ(g_ats4_line_feed_char, 10);
+    EXPECT_EQ(g_ats5_cmd_line_edit_char, 8);
+    EXPECT_EQ(load_shared(g_client_ate_status), -99) << "echo on";
+    EXPECT_EQ(load_shared(g_client_atv_status), 1);
+    EXPECT_EQ(load_shared(g_is_cp_timeout_times), 0);
+    EXPECT_EQ(load_shared(g_is_single_char_input), 0);
+    for (const PortRecord& port : g_ports) {
+        EXPECT_EQ(load_shared(port.mode), 0) << port.log_name;
+        EXPECT_EQ(load_shared(port.send_done), 0) << port.log_name;
+        EXPECT_LT(load_shared(port.platform_socket), 0) << port.log_name;
+    }
+}
 
 class LineSettings : public ::testing::Test {
   protected:
@@ -75,7 +92,7 @@ TEST_F(LineSettings, EchoAndVerbose) {
         int echo, verbose;
         const char* why;
     } const rows[] = {
-        {"ATE0\r", kEchoOff, 1, "echo off"},
+        {"ATE0\r", 99, 1, "echo off"},
         {"ate1\r", kEchoOn, 1, "echo on"},
         {"ATE2\r", kEchoOn, 1, "no such value"},
         {"ATV0\r", kEchoOn, 0, "terse"},
@@ -94,12 +111,49 @@ TEST_F(LineSettings, EchoAndVerbose) {
     }
 }
 
-TEST_F(LineSettings, EchoValuesThatAreNoneAreLogged) {
-    current_line().assign("ATE2\r");
+TEST_F(LineSettings, WhatBecameOfALineIsLogged) {
+    constexpr char kEchoOffText[] = "ate0 got, we disable echo-display....0,0,0.\n";
+    constexpr char kNoEchoValue[] = "ate error value.\r\n.";
+    constexpr char kNoVerboseValue[] = "atv error value.\r\n.";
+    struct {
+        const char* line;
+        std::vector<const char*> said;
+        std::vector<const char*> not_said;
+    } const rows[] = {
+        {"ATE0\r", {kEchoOffText}, {kNoEchoValue, kNoVerboseValue}},
+        {"ATE1\r", {}, {kEchoOffText, kNoEchoValue, kNoVerboseValue}},
+        {"ATE2\r", {kNoEchoValue}, {kEchoOffText, kNoVerboseValue}},
+        {"ATV0\r", {}, {kEchoOffText, kNoEchoValue, kNoVerboseValue}},
+        {"ATV7\r", {kNoVerboseValue}, {kEchoOffText, kNoEchoValue}},
+    };
+    for (const auto& row : rows) {
+        current_line().assign(row.line);
+        testing::internal::CaptureStdout();
+        set_atevq_status_flag();
+        const std::string log = testing::internal::GetCapturedStdout();
+        for (const char* text : row.said) EXPECT_THAT(log, testing::HasSubstr(text)) << row.line;
+        for (const char* text : row.not_said)
+            EXPECT_THAT(log, testing::Not(testing::HasSubstr(text))) << row.line;
+    }
+}
+
+TEST_F(LineSettings, AnSRegisterThatIsNotTakenIsLogged) {
+    struct {
+        const char* line;
+        const char* text;
+    } const rows[] = {
+        {"ATS3?\r", "we ats illegal ... 0,0,0.\n"},
+        {"ATS3=35", "we ats illegal ... 0,0,0.\n"},
+        {"ATS3=1234\r", "we ats illegal len ... temp_end-temp_equal:5,0,0.\n"},
+    };
+    for (const auto& row : rows) {
+        testing::internal::CaptureStdout();
+        vexa_check_specialstring(row.line);
+        EXPECT_THAT(testing::internal::GetCapturedStdout(), testing::HasSubstr(row.text));
+    }
     testing::internal::CaptureStdout();
-    set_atevq_status_flag();
-    EXPECT_NE(testing::internal::GetCapturedStdout().find("ate error value.\r\n."),
-              std::string::npos);
+    vexa_check_specialstring("ATS3=127\r");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
 }
 
 TEST_F(LineSettings, SpaceRemover) {
