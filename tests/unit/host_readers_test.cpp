@@ -50,7 +50,12 @@ class HostReaders : public testing::Test {
         for (const PortRecord& port : g_ports) store_shared(port.platform_socket, kNobodysSocket);
     }
     ~HostReaders() override {
-        for (const PortRecord& port : g_ports) store_shared(port.platform_socket, -1);
+        for (const PortRecord& port : g_ports) {
+            store_shared(port.platform_socket, -1);
+            // The ended reader's is destroyed; a test after this in the same process may use it.
+            pthread_mutex_init(&port.response_mutex, nullptr);
+            pthread_cond_init(&port.response_cond, nullptr);
+        }
     }
     HostReaders(const HostReaders&) = delete;
     HostReaders& operator=(const HostReaders&) = delete;
