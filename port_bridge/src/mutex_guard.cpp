@@ -8,7 +8,7 @@ MutexGuard::MutexGuard(pthread_mutex_t* mutex) : mutex_(mutex), locked_(false) {
     const int error = pthread_mutex_lock(mutex_);
     locked_ = error == 0;
     if (!locked_)
-        VEXA_LOG("mutex lock failed [0x%p] %s", mutex_, strerror(error));
+        VEXA_LOG("mutex lock failed [0x%p] %s\r\n", mutex_, strerror(error));
 }
 
 MutexGuard::~MutexGuard() {
@@ -16,5 +16,5 @@ MutexGuard::~MutexGuard() {
         return;
     const int error = pthread_mutex_unlock(mutex_);
     if (error != 0)
-        VEXA_LOG("mutex unlock failed [0x%p] %s", mutex_, strerror(error));
+        VEXA_LOG("mutex unlock failed [0x%p] %s\r\n", mutex_, strerror(error));
 }
