@@ -178,8 +178,9 @@ TEST_P(CoreReaders, HangUpBeforeAnyControlChangeSetsAllLinesLow) {
 
 TEST_P(CoreReaders, HangUpWinsOverDataOfTheSamePoll) {
     // A read would block for ever: there is no data behind the event.
-    host_device().raise(POLLERR | POLLIN);
+    host_device().raise(POLLERR | POLLPRI | POLLIN);
     wait_for_host(2);
+    EXPECT_EQ(host_device().modem_gets(), 0);
     EXPECT_EQ(channel_device().modem_sets(), 1);
     EXPECT_THAT(module_.log(), HasSubstr("POLLERR is set."));
     expect_road();

@@ -1,6 +1,9 @@
 // Start-up: which pair serves the modem port on which target, and what ends the process.
 #include <poll.h>
 
+#include <cstdlib>
+#include <fstream>
+
 #include "module.h"
 
 namespace {
@@ -68,6 +71,8 @@ TEST(CoreStart, StepsAreLoggedInOrder) {
     const std::string log = module.log();
     std::size_t at = 0;
     for (const char* step : {
+             "main enter. 201909191715.0.0.\r\n",
+             "mhi_ctrl file does not exist. MBIM is over USB Interface: 2,0,0\r\n",
              "set mdm_info....from:-1,to:-1,0.\r\n",
              "set usb_info....from:-1,to:-1,0.\r\n",
              "begin mdm_handler....0,0,0.\r\n",
@@ -94,6 +99,47 @@ TEST(CoreStart, StepsAreLoggedInOrder) {
     }
     EXPECT_EQ(module.log_count("pcie_atport"), 0);
 }
+
+TEST(CoreStart, WithoutADiagnosticServiceTheStartGoesOn) {
+    ModuleOptions options;
+    options.environment["VEXA_DIAG_LOG"] = "/no/such/folder/diag.log";
+    Module module(options);
+    const std::string log = module.log();
+    EXPECT_THAT(log, testing::ContainsRegex("main enter[^\n]*\n[^\n]*main\\([0-9]+\\):"
+                                            "Diag_LSM_Init main failed 0, 0!!.\r\n"));
+    module.at_port().write("AT+CFUN?\r");
+    module.at_channel().expect("AT+CFUN?\r");
+}
+
+#ifndef __SANITIZE_ADDRESS__
+#ifndef __SANITIZE_THREAD__  // whose own threads and stacks could not be had either
+// Threads whose stacks would be larger than the address space cannot be made.
+TEST(CoreStart, WithoutAnyThreadTheMainThreadSleepsForEver) {
+    if (std::getenv("VEXA_TEST_DAEMON") != nullptr)
+        GTEST_SKIP() << "the daemon of this run is started in a way of its own";
+    const std::string folder = bench::program_folder();
+    setenv("VEXA_TEST_DAEMON",
+           ("/usr/bin/prlimit --stack=140737488355328: /usr/bin/env LD_PRELOAD=" + folder +
+            "/lib/libvexa_shim.so " + folder + "/vexa_at_client")
+               .c_str(),
+           1);
+    Module module(not_waited_for());
+    unsetenv("VEXA_TEST_DAEMON");
+    module.wait_for_log("end init_vexa_port_bridge...0,0,0.\r\n");
+    EXPECT_EQ(module.log_count("pthread_create failed...."), 8);
+    EXPECT_EQ(module.log_count("pthread_join ok"), 0);
+    module.wait_until(
+        [&] {
+            std::ifstream file("/proc/" + std::to_string(module.daemon_pid()) + "/wchan");
+            std::string waits_in;
+            file >> waits_in;
+            return waits_in.find("nanosleep") != std::string::npos;
+        },
+        "the main thread to sleep");
+    EXPECT_EQ(module.count_threads(), 1);
+}
+#endif
+#endif
 
 class RefusedIntent : public testing::TestWithParam<const char*> {};
 
@@ -126,12 +172,16 @@ TEST(CoreStart, PlainTargetsServeTheModemPortWithoutIntents) {
     module.wait_until([&] { return module.device("/dev/at_usb0").is_served(2); }, "the port");
     module.modem_channel().send("kept");
     module.modem_port().expect("kept");
+    // A prompt is text like any other: no mode comes of it, so the next line is a command.
+    module.modem_channel().send("\r\n> ");
+    module.modem_port().expect("\r\n> ");
     // Last, because nobody signals the engine's wait for the answer on this target.
     module.modem_port().write("AT+CFUN?\r");
     module.modem_channel().expect("AT+CFUN?\r");
     module.modem_channel().send("\r\nOK\r\n");
     module.modem_port().expect("\r\nOK\r\n");
     EXPECT_EQ(module.device("/dev/at_mdm0").intents(), 0);
+    EXPECT_EQ(module.log_count("mport cp "), 0) << "nobody is signalled";
 }
 
 class MhiMainPair : public testing::TestWithParam<int> {};

@@ -1,5 +1,6 @@
 // A module on PCIe: the channels' states decide when the pipe is read and where answers go.
 #include <linux/netlink.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <fstream>
@@ -156,6 +157,27 @@ TEST(Pcie, BothReadersOfTheAtPortShareOnePlatformConnection) {
     platform.send("at", "\r\n+LATE\r\n");
     module.at_port().expect_up_to("\r\n+LATE\r\n");
     EXPECT_EQ(module.pcie_pipe().received(), "");
+}
+
+TEST(Pcie, TheModemsControlLinesGoToThePipeOnlyWhileItIsLive) {
+    Module module(pcie_options(kBoth));
+    MhiLink link(module, 6);
+    module.wait_until([&] { return module.device(kMhiPipe).is_served(); }, "the pipe");
+    const auto change = [&](int bits, int times) {
+        module.device("/dev/smd7").set_modem_bits(bits);
+        module.device("/dev/smd7").raise(POLLPRI);
+        module.wait_until([&] { return module.device("/dev/at_usb1").modem_sets() == times; },
+                          "the control lines on the USB port");
+        EXPECT_EQ(module.device("/dev/at_usb1").modem_bits(), bits);
+    };
+    change(0x42, 1);
+    module.wait_until([&] { return module.device(kMhiPipe).modem_bits() == 0x42; },
+                      "the control lines on the pipe");
+    link.disconnect();
+    change(0x46, 2);
+    // Behind the answer the control lines are settled.
+    converse(module, module.at_port(), module.at_port(), "AT+USB");
+    EXPECT_EQ(module.device(kMhiPipe).modem_sets(), 1);
 }
 
 TEST(Pcie, TheEchoGoesToBothWhileThePipeIsLive) {

@@ -14,6 +14,7 @@
 #include "descriptors.h"
 #include "recorded_sleeps.h"
 #include "shared_int.h"
+#include "system_calls.h"
 #include "udp_server.h"
 #include "vexa_common_def.h"
 
@@ -95,7 +96,11 @@ TEST_F(WriteToDevice, WritesTheWholeBuffer) {
     EXPECT_EQ(drain(), "AT+CGMR\r\n");
     const std::string said = output();
     const std::string fd = std::to_string(ends_[1]);
-    EXPECT_THAT(said, HasSubstr("to_filename:/dev/smd7, to_fd:" + fd + ".\r\n"));
+    EXPECT_THAT(said, HasSubstr("====>>>write_to_device in, g_loc_udp_at_server_send_socket:-1, "
+                                "to_filename:/dev/smd7, to_fd:" +
+                                fd + ".\r\n"));
+    EXPECT_THAT(said, HasSubstr("====>>>write_to_device in, g_loc_udp_at_server_socket:-1, "
+                                "g_at_over_sokcet_enable:0, :9.\r\n"));
     EXPECT_THAT(said, HasSubstr("====>>>bytes_remaining :9,0,0. \r\n"));
     EXPECT_THAT(said,
                 HasSubstr("====>>>num_written :9, to_fd:" + fd + ", bytes_remaining:9. \r\n"));
@@ -142,6 +147,7 @@ TEST_F(WriteToDevice, SixRefusalsInARowAreAFailureAfterFivePauses) {
                                 "[-1], retry_count:4.\n"));
     EXPECT_THAT(said, HasSubstr("\nFailed to write to '/dev/smd7' due to err [Resource temporarily "
                                 "unavailable]\n"));
+    EXPECT_THAT(said, HasSubstr("<<<====write_to_device out.num_written:-1,ret:-1,0.\r\n"));
 }
 
 TEST_F(WriteToDevice, FiveRefusalsThenSuccessLoseNothing) {
@@ -265,6 +271,22 @@ TEST(CloseFdMutexedDeathTest, FailingLockEndsTheProcessWithStatus1) {
         testing::ExitedWithCode(1),
         "pthread_mutex_lock for '/dev/smd7' returned [0-9]+.  Exiting!.0.");
     pthread_mutex_destroy(&mutex);
+}
+
+TEST(CloseFdMutexedDeathTest, FailingUnlockEndsTheProcessWithStatus1) {
+    int fd = -1;
+    EXPECT_EXIT(
+        {
+            dup2(STDERR_FILENO, STDOUT_FILENO);
+            TakenCalls taken;
+            taken.pthread_mutex_unlock = [](pthread_mutex_t* mutex) {
+                return mutex == &mdm_mutex ? EPERM : 0;
+            };
+            close_fd_mutexed("/dev/smd7", &fd, &mdm_mutex);
+        },
+        testing::ExitedWithCode(1),
+        "close_fd_Mutexed file_path close:/dev/smd7, fd:-1.*"
+        "pthread_mutex_unlock for '/dev/smd7' returned 1.  Exiting!0.");
 }
 
 TEST(OsMutex, FailingLockIsOnlyReported) {

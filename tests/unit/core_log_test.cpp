@@ -5,6 +5,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <stdio_ext.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -23,6 +24,16 @@
 
 namespace {
 
+// An argument that lets a test see the site of its message instead of sending it.
+struct SiteProbe {
+    const vexa_diag_message** site;
+};
+void send_diag_message(const vexa_diag_message* site, const char* /*function*/,
+                       const SiteProbe& probe) {
+    *probe.site = site;
+}
+
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 
@@ -101,6 +112,31 @@ TEST_F(LogTest, DiagnosticMessageStartsWithTheFunctionName) {
     EXPECT_THAT(diag_text().substr(before),
                 MatchesRegex("core_log_test.cpp:[0-9]+ logged_with\\(\\): main enter. "
                              "201909191715.0.0.\n"));
+}
+
+TEST_F(LogTest, DiagnosticMessageNamesItsPlaceSubsystemAndLevel) {
+    const vexa_diag_message* site = nullptr;
+    const int line = __LINE__ + 1;
+    VEXA_DIAG("probe %d", SiteProbe{&site});
+    ASSERT_NE(site, nullptr);
+    EXPECT_EQ(site->line, line);
+    EXPECT_EQ(site->subsystem, 65);
+    EXPECT_EQ(site->level_mask, 2u);
+    EXPECT_STREQ(site->format, "%s(): probe %d");
+    EXPECT_THAT(std::string(site->file), EndsWith("core_log_test.cpp"));
+}
+
+TEST_F(LogTest, StandardOutputKeepsItsOwnBuffering) {
+    testing::internal::CaptureStdout();
+    if (__flbf(stdout) != 0) {
+        testing::internal::GetCapturedStdout();
+        GTEST_SKIP() << "standard output is a terminal";
+    }
+    VEXA_LOG("%d,%d,%d.\r\n", 1, 2, 3);
+    const off_t written = lseek(STDOUT_FILENO, 0, SEEK_END);
+    const std::string text = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(written, 0) << "it was flushed";
+    EXPECT_THAT(text, EndsWith("1,2,3.\r\n"));
 }
 
 TEST_F(LogTest, DiagnosticChannelCarriesAtMostThreeArguments) {

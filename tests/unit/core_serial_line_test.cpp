@@ -3,7 +3,9 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <pty.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -129,6 +131,20 @@ TEST_F(SerialLine, Speed57600Programs9600Baud) {
     EXPECT_EQ(said_, "set_uart_attr fd:" + fd +
                          ", nspeed:57600, nBits:8, event:N, stop:1.\r\nget fd:" + fd +
                          " old attr ok. \r\nset fd:" + fd + " done!\r\n");
+}
+
+TEST_F(SerialLine, WhatCameBeforeTheSettingsIsDropped) {
+    termios raw{};
+    ASSERT_EQ(tcgetattr(slave_, &raw), 0);
+    cfmakeraw(&raw);
+    ASSERT_EQ(tcsetattr(slave_, TCSANOW, &raw), 0);
+    ASSERT_EQ(write(master_, "stale", 5), 5);
+    pollfd input = {slave_, POLLIN, 0};
+    ASSERT_EQ(poll(&input, 1, 60'000), 1);
+    EXPECT_EQ(set_uart_attr(slave_, 9600, 8, 'N', 1), 0);
+    int waiting = -1;
+    ASSERT_EQ(ioctl(slave_, FIONREAD, &waiting), 0);
+    EXPECT_EQ(waiting, 0);
 }
 
 TEST_F(SerialLine, NotATerminalFails) {

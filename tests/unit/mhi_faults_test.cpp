@@ -69,6 +69,16 @@ TEST_F(MhiFaults, AThreadThatCannotBeStartedIsLogged) {
     EXPECT_FALSE(is_pcie_live());
 }
 
+TEST_F(MhiFaults, ALinkThatIsKnownAlreadyIsNotLookedForAgain) {
+    store_shared(g_vexa_pcie_enabled, VEXA_LINUX_TRISTATE_TRUE);
+    system_.answer(Call::pthread_create, EAGAIN);
+    EXPECT_THAT(log_of(vexa_linux_dev_init), HasSubstr("Failed to spawn mhi_monitor thread"));
+    store_shared(g_vexa_pcie_enabled, VEXA_LINUX_TRISTATE_FALSE);
+    EXPECT_EQ(log_of(vexa_linux_dev_init), "");
+    EXPECT_EQ(system_.count(Call::access), 0);
+    EXPECT_EQ(system_.count(Call::sem_init), 1);
+}
+
 struct SocketRow {
     Call call;
     const char* log;

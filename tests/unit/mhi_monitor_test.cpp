@@ -1,5 +1,6 @@
 #include "mhi_monitor.h"
 
+#include <fcntl.h>
 #include <linux/netlink.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -172,6 +173,13 @@ TEST_F(MhiMonitor, WithoutTheControlDeviceTheLinkIsUsbAndNothingIsStarted) {
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
 }
 
+int option_of(int fd, int option) {
+    int value = -1;
+    socklen_t size = sizeof value;
+    getsockopt(fd, SOL_SOCKET, option, &value, &size);
+    return value;
+}
+
 TEST_F(MhiMonitor, TheSocketListensToKernelUeventsUnderTheProcessId) {
     const int fd = vexa_linux_open_netlink_socket();
     ASSERT_GE(fd, 0);
@@ -180,6 +188,14 @@ TEST_F(MhiMonitor, TheSocketListensToKernelUeventsUnderTheProcessId) {
     ASSERT_EQ(getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size), 0);
     EXPECT_EQ(address.nl_pid, static_cast<unsigned>(getpid()));
     EXPECT_EQ(address.nl_groups, 1U);
+    EXPECT_EQ(option_of(fd, SO_TYPE), SOCK_DGRAM);
+    EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
+    // What the kernel makes of 1,024 bytes.
+    const int like_it = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_KOBJECT_UEVENT);
+    const int bytes = 1024;
+    ASSERT_EQ(setsockopt(like_it, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes), 0);
+    EXPECT_EQ(option_of(fd, SO_RCVBUF), option_of(like_it, SO_RCVBUF));
+    close(like_it);
     // The port id is taken now: a second one cannot be bound.
     testing::internal::CaptureStdout();
     EXPECT_EQ(vexa_linux_open_netlink_socket(), -1);

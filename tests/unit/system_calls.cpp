@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdarg>
 #include <cstring>
 #include <deque>
 #include <map>
@@ -43,7 +44,23 @@ std::optional<int> answered(Call call) {
     return answer.result;
 }
 
+thread_local constinit TakenCalls* t_taken = nullptr;
+
+// The test's own function for a call, or null.
+template <typename Function>
+const Function* taken(Function TakenCalls::*call) {
+    return t_taken != nullptr && t_taken->*call ? &(t_taken->*call) : nullptr;
+}
+
 }  // namespace
+
+TakenCalls::TakenCalls() {
+    t_taken = this;
+}
+
+TakenCalls::~TakenCalls() {
+    t_taken = nullptr;
+}
 
 SystemCalls::~SystemCalls() {
     script() = {};
@@ -87,6 +104,8 @@ int __wrap_sem_wait(sem_t* semaphore) {
 using Entry = void* (*)(void*);
 int __real_pthread_create(pthread_t* thread, const pthread_attr_t* how, Entry entry, void* arg);
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* how, Entry entry, void* arg) {
+    if (const auto* own = taken(&TakenCalls::pthread_create))
+        return (*own)(thread, how, entry, arg);
     const auto given = answered(Call::pthread_create);
     return given ? *given : __real_pthread_create(thread, how, entry, arg);
 }
@@ -111,6 +130,8 @@ int __wrap_bind(int fd, const sockaddr* address, socklen_t size) {
 
 int __real_poll(pollfd* set, nfds_t count, int timeout);
 int __wrap_poll(pollfd* set, nfds_t count, int timeout) {
+    if (const auto* own = taken(&TakenCalls::poll))
+        return (*own)(set, count, timeout);
     const auto given = answered(Call::poll);
     if (!given)
         return __real_poll(set, count, timeout);
@@ -149,4 +170,48 @@ int __wrap_connect(int fd, const sockaddr* address, socklen_t size) {
     found->second.copy(other.sun_path, sizeof other.sun_path - 1);
     return __real_connect(fd, reinterpret_cast<const sockaddr*>(&other), sizeof other);
 }
+
+int __real_pthread_join(pthread_t thread, void** result);
+int __wrap_pthread_join(pthread_t thread, void** result) {
+    const auto* own = taken(&TakenCalls::pthread_join);
+    return own != nullptr ? (*own)(thread) : __real_pthread_join(thread, result);
+}
+
+int __real_pthread_cond_signal(pthread_cond_t* cond);
+int __wrap_pthread_cond_signal(pthread_cond_t* cond) {
+    const auto* own = taken(&TakenCalls::pthread_cond_signal);
+    return own != nullptr ? (*own)(cond) : __real_pthread_cond_signal(cond);
+}
+
+int __real_pthread_mutex_unlock(pthread_mutex_t* mutex);
+int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
+    const auto* own = taken(&TakenCalls::pthread_mutex_unlock);
+    return own != nullptr ? (*own)(mutex) : __real_pthread_mutex_unlock(mutex);
+}
+
+int __real_usleep(useconds_t microseconds);
+int __wrap_usleep(useconds_t microseconds) {
+    const auto* own = taken(&TakenCalls::usleep);
+    return own != nullptr ? (*own)(microseconds) : __real_usleep(microseconds);
+}
+
+int __real_ioctl(int fd, unsigned long request, ...);
+int __wrap_ioctl(int fd, unsigned long request, ...) {
+    va_list arguments;
+    va_start(arguments, request);
+    void* argument = va_arg(arguments, void*);
+    va_end(arguments);
+    const auto* own = taken(&TakenCalls::ioctl);
+    return own != nullptr ? (*own)(fd, request, argument) : __real_ioctl(fd, request, argument);
+}
+
+FILE* __real_popen(const char* command, const char* mode);
+FILE* __wrap_popen(const char* command, const char* mode) {
+    const auto* own = taken(&TakenCalls::popen);
+    return own != nullptr ? (*own)(command, mode) : __real_popen(command, mode);
+}
+}
+
+FILE* real_popen(const char* command, const char* mode) {
+    return __real_popen(command, mode);
 }

@@ -3,6 +3,12 @@
 // ships. Answers count for the calling thread only.
 #pragma once
 
+#include <poll.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <functional>
 #include <string>
 
 enum class Call {
@@ -35,3 +41,23 @@ class SystemCalls {
     // What connects to the UNIX socket at `path` comes out at `other`.
     void lead_connects(const std::string& path, const std::string& other);
 };
+
+// Calls that a test does itself, in place of the system, on its own thread and while this lives.
+// What is left empty is the system's.
+struct TakenCalls {
+    TakenCalls();
+    ~TakenCalls();
+    TakenCalls(const TakenCalls&) = delete;
+    TakenCalls& operator=(const TakenCalls&) = delete;
+
+    using ThreadEntry = void* (*)(void*);
+    std::function<int(pthread_t*, const pthread_attr_t*, ThreadEntry, void*)> pthread_create;
+    std::function<int(pthread_t)> pthread_join;
+    std::function<int(pthread_cond_t*)> pthread_cond_signal;
+    std::function<int(pthread_mutex_t*)> pthread_mutex_unlock;
+    std::function<int(useconds_t)> usleep;
+    std::function<int(int fd, unsigned long request, void* argument)> ioctl;
+    std::function<FILE*(const char* command, const char* mode)> popen;
+    std::function<int(pollfd* set, nfds_t count, int timeout_ms)> poll;
+};
+FILE* real_popen(const char* command, const char* mode);
