@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -160,6 +161,26 @@ TEST_F(WriteToDevice, FiveRefusalsThenSuccessLoseNothing) {
     EXPECT_EQ(write_to_device(ends_[1], "/dev/smd7", 2, "AT"), 0);
     EXPECT_THAT(sleeps.seconds, ElementsAre(1, 2, 3, 4, 5));
     EXPECT_EQ(drain(), "AT");
+}
+
+TEST_F(WriteToDevice, AWriteOfNothingCountsByItsErrno) {
+    errno = EAGAIN;  // somebody else's, from before
+    std::vector<int> errors = {EAGAIN, 0};
+    RecordedSleeps sleeps([] {});
+    TakenCalls taken;
+    taken.write = [&errors](int, const void*, std::size_t) {
+        if (errors.empty())
+            return ssize_t{-1};  // asked too often
+        if (errors.front() != 0)
+            errno = errors.front();
+        errors.erase(errors.begin());
+        return ssize_t{0};
+    };
+    EXPECT_EQ(write_to_device(ends_[1], "/dev/smd7", 2, "AT"), -1);
+    taken.write = nullptr;
+    EXPECT_TRUE(errors.empty());
+    EXPECT_THAT(sleeps.seconds, ElementsAre(1)) << "tried again once, after EAGAIN";
+    EXPECT_THAT(output(), HasSubstr("or num_written [0], retry_count:0.\n"));
 }
 
 TEST_F(WriteToDevice, EveryWrittenByteStartsTheRetriesAnew) {

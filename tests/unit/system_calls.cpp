@@ -205,6 +205,12 @@ int __wrap_ioctl(int fd, unsigned long request, ...) {
     return own != nullptr ? (*own)(fd, request, argument) : __real_ioctl(fd, request, argument);
 }
 
+ssize_t __real_write(int fd, const void* bytes, std::size_t size);
+ssize_t __wrap_write(int fd, const void* bytes, std::size_t size) {
+    const auto* own = taken(&TakenCalls::write);
+    return own != nullptr ? (*own)(fd, bytes, size) : __real_write(fd, bytes, size);
+}
+
 FILE* __real_popen(const char* command, const char* mode);
 FILE* __wrap_popen(const char* command, const char* mode) {
     const auto* own = taken(&TakenCalls::popen);

@@ -58,6 +58,7 @@ struct TakenCalls {
     std::function<int(useconds_t)> usleep;
     std::function<int(int fd, unsigned long request, void* argument)> ioctl;
     std::function<FILE*(const char* command, const char* mode)> popen;
+    std::function<ssize_t(int fd, const void* bytes, std::size_t size)> write;
     std::function<int(pollfd* set, nfds_t count, int timeout_ms)> poll;
 };
 FILE* real_popen(const char* command, const char* mode);
