@@ -206,6 +206,8 @@ TEST(QmiRoad, AReplyOfTwoDatagramsComesAsTheirConcatenation) {
     EXPECT_EQ(answer.error, 0);
     EXPECT_EQ(answer.text, "\r\n+CGMR: 1\r\n\r\nOK\r\n");
     qmi.module->wait_for_output("QMI Response Sent, DataLen: 18 Data:(\r\n+CGMR: 1\r\n\r\nOK\r\n)");
+    EXPECT_THAT(qmi.module->programs_output(),
+                HasSubstr("========AT Over Mbim Service: AT+CGMR\r len:8=====\n"));
 }
 
 TEST(QmiRoad, ARequestLongerThanItsAreaIsAnsweredAndNotSent) {
@@ -278,6 +280,21 @@ TEST(QmiRoad, UnsolicitedTextGoesToTheClientThatWasAnsweredLast) {
     server.say("+CREG: 2\r\n");
     EXPECT_EQ(first.indication(), "+CREG: 2\r\n");
     EXPECT_EQ(second.indications_left(), 0U);
+}
+
+TEST(QmiRoad, ATextForAClientThatHasLeftIsToldAsAnError) {
+    QmiModule qmi;
+    FakeServer server(*qmi.module);
+    qmi.start_host();
+    {
+        Client gone(*qmi.module);
+        converse(gone, server);
+    }
+    qmi.module->wait_for_output("A client disconnected to this service.0.0.0\n");
+    server.say("+CREG: 1\r\n");
+    qmi.module->wait_for_output("qmi_csi_send_ind returned error: 4\nIndications Sent\n");
+    Client next(*qmi.module);
+    converse(next, server);
 }
 
 TEST(QmiRoad, AReplyOfManyDatagramsIsCutAtThePreviousOne) {
@@ -372,13 +389,17 @@ TEST(QmiSelfTest, SendsTheCommandOfTheTriggerFileThatAppears) {
     module.start_program("vexa-qmi-host", {"--socket", qmi.socket(), "--self-test"});
     module.wait_for_output("TEST: qmi_client_get_service_list() returned 2 num_services = 0\n");
     qmi.start_host();
-    module.wait_for_output("1 Test Services found: Choosing service 0(numbered starting at 0)\n");
+    module.wait_for_output(
+        "TEST: qmi_client_get_service_list() returned 0 num_entries = 1 num_services = 1\n"
+        "1 Test Services found: Choosing service 0(numbered starting at 0)\n");
     module.wait_for_output("TEST: qmi_client_init returned 0\n");
     std::ofstream("/tmp/2").put('\n');
     EXPECT_EQ(server.expect_datagram(), "at+mtsm=2\r\n");
     server.say("second\r\nOK\r\n");
     module.wait_for_output("TEST: Async Test DatD : second\r\nOK\r\n");
     EXPECT_FALSE(std::filesystem::exists("/tmp/2"));
+    EXPECT_THAT(module.programs_output(),
+                HasSubstr("TEST: Data Test with 1 async data messages of size 100.0.\n"));
     std::ofstream("/tmp/1").put('\n');
     EXPECT_EQ(server.expect_datagram(), "at+mtsm=1\r\n");
     server.say("first\r\nOK\r\n");

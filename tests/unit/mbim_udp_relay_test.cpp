@@ -7,8 +7,10 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <chrono>
 
+#include "system_calls.h"
 #include "vexa_mbim_service_v01.h"
 
 namespace {
@@ -42,6 +44,31 @@ TEST(FinalResult, IsSeenInOneDatagram) {
         {"", false},
     };
     for (const FinalRow& row : rows) EXPECT_EQ(is_final_result(row.text), row.is_final) << row.text;
+}
+
+static_assert(VEXA_MBIM_AT_REQ == 0 && VEXA_MBIM_AT_RSP == 1 && VEXA_MBIM_AT_IND == 2);
+
+TEST(UdpRelayAtStart, HasNoSocketAndKnowsItsServer) {
+    EXPECT_EQ(socket_fd, -1);
+    EXPECT_EQ(local_addr.sin_family, AF_INET);
+    EXPECT_EQ(ntohs(local_addr.sin_port), 5555);
+    EXPECT_EQ(ntohl(local_addr.sin_addr.s_addr), 0x7F000001U);
+}
+
+TEST(UdpRelayAtStart, ItsSocketIsADatagramSocketWithoutAPort) {
+    CaptureStdout();
+    ASSERT_EQ(udp_socket_init(), 0);
+    EXPECT_THAT(GetCapturedStdout(), HasSubstr("+++++++++++++++++++0.0.0\n"));
+    int protocol = 0;
+    socklen_t length = sizeof(protocol);
+    EXPECT_EQ(getsockopt(socket_fd, SOL_SOCKET, SO_PROTOCOL, &protocol, &length), 0);
+    EXPECT_EQ(protocol, IPPROTO_UDP);
+    sockaddr_in own{};
+    length = sizeof(own);
+    EXPECT_EQ(getsockname(socket_fd, reinterpret_cast<sockaddr*>(&own), &length), 0);
+    EXPECT_EQ(own.sin_port, 0);
+    close(socket_fd);
+    socket_fd = -1;
 }
 
 // The service's socket with a peer that answers it in advance.
@@ -176,6 +203,46 @@ TEST_F(UdpRelay, TheSeventhFailedReceiveGivesUp) {
     EXPECT_EQ(recv_at_with_udp_socket(text_.data(), text_.size(), VEXA_MBIM_AT_RSP), -1);
     EXPECT_STREQ(text_.data(), "half an answer");
     EXPECT_THAT(output(), HasSubstr("n_retry 6.0.0.\r\n"));
+}
+
+struct FailureRow {
+    int before;  // failed receives before the datagram
+    int after;   // and after it
+    int result;
+};
+
+TEST_F(UdpRelay, ADatagramDoesNotForgiveEarlierFailures) {
+    for (const FailureRow& row :
+         {FailureRow{3, 3, 0}, FailureRow{3, 4, -1}, FailureRow{6, 1, -1}}) {
+        SystemCalls system;
+        text_ = {};
+        for (int i = 0; i < row.before; ++i) system.answer(Call::recvfrom, -1, EAGAIN);
+        system.answer(Call::recvfrom, 0);
+        for (int i = 0; i < row.after; ++i) system.answer(Call::recvfrom, -1, EAGAIN);
+        say("half");
+        say("OK\r\n");
+        EXPECT_EQ(recv_at_with_udp_socket(text_.data(), text_.size(), VEXA_MBIM_AT_RSP), row.result)
+            << row.before << " and " << row.after;
+        EXPECT_STREQ(text_.data(), row.result == 0 ? "halfOK\r\n" : "half");
+        EXPECT_EQ(next_datagram(), row.result == 0 ? "nothing" : "OK\r\n");
+    }
+}
+
+TEST_F(UdpRelay, EveryFailedReceiveOfAnIndicationCountsToo) {
+    SystemCalls system;
+    for (int i = 0; i < 7; ++i) system.answer(Call::recvfrom, -1, EAGAIN);
+    say("+CREG: 1");
+    EXPECT_EQ(recv_at_with_udp_socket(text_.data(), text_.size(), VEXA_MBIM_AT_IND), -1);
+    EXPECT_EQ(system.count(Call::recvfrom), 7);
+    EXPECT_EQ(next_datagram(), "+CREG: 1");
+}
+
+TEST_F(UdpRelay, WhatIsSentIsLogged) {
+    SystemCalls system;
+    system.answer(Call::sendto, 5);
+    const std::string number = std::to_string(socket_fd);
+    EXPECT_EQ(send_at_with_udp_socket("ATE0\r"), 0);
+    EXPECT_THAT(output(), HasSubstr("5 send(ATE0\r) to fd(" + number + ")\n"));
 }
 
 TEST_F(UdpRelay, AReceiveWaitsAtLeastTwoSeconds) {

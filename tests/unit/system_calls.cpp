@@ -13,6 +13,7 @@
 #include <cstring>
 #include <deque>
 #include <map>
+#include <new>
 #include <optional>
 
 namespace {
@@ -26,6 +27,7 @@ struct Script {
     std::map<Call, std::deque<Answer>> answers;
     std::map<Call, int> counts;
     std::map<std::string, std::string> connects;
+    unsigned connect_length = 0;
 };
 
 Script& script() {
@@ -78,6 +80,10 @@ int SystemCalls::count(Call call) const {
 
 void SystemCalls::lead_connects(const std::string& path, const std::string& other) {
     script().connects[path] = other;
+}
+
+unsigned SystemCalls::connect_length() const {
+    return script().connect_length;
 }
 
 // The names are the linker's: __wrap_NAME is called in place of NAME, which is __real_NAME.
@@ -151,6 +157,40 @@ ssize_t __wrap_send(int fd, const void* bytes, size_t size, int flags) {
     return given ? *given : __real_send(fd, bytes, size, flags);
 }
 
+ssize_t __real_recvfrom(int fd, void* area, size_t size, int flags, sockaddr* from,
+                        socklen_t* length);
+ssize_t __wrap_recvfrom(int fd, void* area, size_t size, int flags, sockaddr* from,
+                        socklen_t* length) {
+    const auto given = answered(Call::recvfrom);
+    return given && *given < 0 ? *given : __real_recvfrom(fd, area, size, flags, from, length);
+}
+
+ssize_t __real_sendto(int fd, const void* bytes, size_t size, int flags, const sockaddr* to,
+                      socklen_t length);
+ssize_t __wrap_sendto(int fd, const void* bytes, size_t size, int flags, const sockaddr* to,
+                      socklen_t length) {
+    const auto given = answered(Call::sendto);
+    return given ? *given : __real_sendto(fd, bytes, size, flags, to, length);
+}
+
+int __real_unlink(const char* path);
+int __wrap_unlink(const char* path) {
+    const auto given = answered(Call::unlink);
+    return given ? *given : __real_unlink(path);
+}
+
+// The mangled name of operator new(size_t, const std::nothrow_t&).
+#if __SIZEOF_SIZE_T__ == 8
+#define NOTHROW_NEW(prefix) prefix##_ZnwmRKSt9nothrow_t
+#else
+#define NOTHROW_NEW(prefix) prefix##_ZnwjRKSt9nothrow_t
+#endif
+void* NOTHROW_NEW(__real_)(size_t size, const std::nothrow_t& tag);
+void* NOTHROW_NEW(__wrap_)(size_t size, const std::nothrow_t& tag) {
+    const auto given = answered(Call::allocation);
+    return given && *given < 0 ? nullptr : NOTHROW_NEW(__real_)(size, tag);
+}
+
 int __real_uname(utsname* names);
 int __wrap_uname(utsname* names) {
     const auto given = answered(Call::uname);
@@ -161,6 +201,7 @@ int __real_connect(int fd, const sockaddr* address, socklen_t size);
 int __wrap_connect(int fd, const sockaddr* address, socklen_t size) {
     if (address->sa_family != AF_UNIX)
         return __real_connect(fd, address, size);
+    script().connect_length = size;
     sockaddr_un other{};
     memcpy(&other, address, std::min<size_t>(size, sizeof other - 1));
     const auto found = script().connects.find(other.sun_path);

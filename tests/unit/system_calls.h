@@ -21,8 +21,12 @@ enum class Call {
     bind,
     poll,
     recv,
+    recvfrom,
     send,
-    uname
+    sendto,
+    uname,
+    unlink,
+    allocation,  // operator new that does not throw
 };
 
 // From its making to its end the thread's calls are answered as told.
@@ -34,12 +38,15 @@ class SystemCalls {
     SystemCalls& operator=(const SystemCalls&) = delete;
 
     // The next call that has no answer yet gives `result`, with errno set to `error`; the ones
-    // after the last answer are real. A poll with a result above 0 is given what it asks for.
+    // after the last answer are real. A poll with a result above 0 is given what it asks for. A
+    // recvfrom or an allocation fails with a result below 0 and is real with any other.
     void answer(Call call, int result, int error = 0);
     // How often it was called meanwhile, whoever answered.
     int count(Call call) const;
     // What connects to the UNIX socket at `path` comes out at `other`.
     void lead_connects(const std::string& path, const std::string& other);
+    // The length of the address that the last connect to a UNIX socket gave.
+    unsigned connect_length() const;
 };
 
 // Calls that a test does itself, in place of the system, on its own thread and while this lives.
