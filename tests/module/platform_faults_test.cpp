@@ -1,5 +1,6 @@
 // A platform that is absent, late, broken or gone: what the ports notice, and that it is served
 // again when it is back.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <array>
@@ -66,6 +67,11 @@ TEST_P(PlatformFault, AHangUpWhileThePlatformIsDownLogsOneFailureLineASecond) {
     expect_served(both, other());
     module.wait_for_log(failure, 3);
     EXPECT_GE(Clock::now() - start, 3s);
+    std::string log = module.log();
+    std::erase(log, '\0');  // of the packs' dump, where a regular expression would end
+    EXPECT_THAT(log, testing::ContainsRegex("new connection " + kConnectionNames[index()] +
+                                            " is failed\\.\\(m_fd:[0-9]+,at_fd:[0-9]+, "
+                                            "uart_fd:[0-9]+\\)sleep 3s\\.\\.\\.\r\n"));
     expect_served(both, other());
     platform.listen();
     platform.wait_for_report(port(), 2);

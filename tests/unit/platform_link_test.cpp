@@ -13,6 +13,7 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,6 +23,7 @@
 #include "mux_session.h"
 #include "platform_pack.h"
 #include "shared_int.h"
+#include "system_calls.h"
 #include "vexa_socket_client.h"
 
 namespace {
@@ -94,7 +96,10 @@ class Connection {
 TEST(SendDataToAppPlatform, GoesOutOnThePortsConnection) {
     for (const PortRecord& port : g_ports) {
         const Connection connection(port);
+        testing::internal::CaptureStdout();
         EXPECT_EQ(send_command(port, "AT+CGMR\r\n"), 53);
+        EXPECT_THAT(testing::internal::GetCapturedStdout(),
+                    HasSubstr("client_send_sync_msg sucess:53,9,0.\r\n"));
         EXPECT_EQ(read_bytes(connection.platform(), 53), pack_of("AT+CGMR\r\n"));
     }
 }
@@ -129,7 +134,10 @@ TEST(SendDataToAppPlatform, BadArgumentsAreRefused) {
     const Connection connection(port);
     char answer[8];
     int length = 0;
+    testing::internal::CaptureStdout();
     EXPECT_EQ(send_data_to_app_platform(port, "AT", 0, 0, answer, &length, 0), -1);
+    EXPECT_THAT(testing::internal::GetCapturedStdout(),
+                HasSubstr("send_data_to_plat_modem input error.\r\n"));
     EXPECT_EQ(send_data_to_app_platform(port, nullptr, 2, 0, answer, &length, 0), -1);
     EXPECT_EQ(send_data_to_app_platform(port, "AT", 2, 0, nullptr, &length, 0), -1);
     EXPECT_EQ(send_data_to_app_platform(port, "AT", 2, 0, answer, nullptr, 0), -1);
@@ -225,6 +233,25 @@ TEST(OpenPlatformConnection, WithoutAPlatformLeavesASocketThatHangsUp) {
     }
 }
 
+TEST(OpenPlatformConnection, TakesNumberZeroForNoConnection) {
+    const PortRecord& port = g_ports[kAtPort];
+    store_shared(port.platform_socket, 0);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(open_platform_connection(port), kConnectFailed);
+    testing::internal::GetCapturedStdout();
+    EXPECT_GT(load_shared(port.platform_socket), 0);
+    close_platform_connection(port);
+}
+
+TEST(OpenPlatformConnection, GivesTheAddressThatEndsWithThePathsNul) {
+    const SystemCalls system;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(open_platform_connection(g_ports[kAtPort]), kConnectFailed);
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(system.connect_length(), 36U);
+    close_platform_connection(g_ports[kAtPort]);
+}
+
 // The receiver never returns, so one serves all tests of a run.
 class Receiver : public testing::Test {
   protected:
@@ -267,6 +294,12 @@ class Receiver : public testing::Test {
     static void platform_sends(PortIndex port, std::string_view bytes) {
         ASSERT_EQ(send(ends_[port].connection[1], bytes.data(), bytes.size(), MSG_NOSIGNAL),
                   static_cast<ssize_t>(bytes.size()));
+    }
+
+    static void wait_until_taken(PortIndex port) {
+        int queued = 1;
+        for (const auto limit = Clock::now() + kDeadline; queued > 0 && Clock::now() < limit;)
+            ioctl(ends_[port].connection[0], FIONREAD, &queued);
     }
 
     static void platform_answers(PortIndex port, std::string_view text,
@@ -400,21 +433,56 @@ TEST_F(Receiver, AnAtAnswerTakesTheLivePcieAlone) {
 
 // The signal is lost on a command that does not wait yet, so answers come until one wakes it.
 TEST_F(Receiver, WakesTheCommandThatWaits) {
-    const PortRecord& port = g_ports[kUartPort];
-    int result = ETIMEDOUT;
-    std::size_t answers = 0;
-    pthread_mutex_lock(&port.response_mutex);
-    for (const auto limit = Clock::now() + kDeadline; result != 0 && Clock::now() < limit;) {
-        platform_answers(kUartPort, "x");
-        ++answers;
-        timespec deadline{};
-        clock_gettime(CLOCK_REALTIME, &deadline);
-        deadline.tv_sec += 1;
-        result = pthread_cond_timedwait(&port.response_cond, &port.response_mutex, &deadline);
+    for (const PortRecord& port : g_ports) {
+        int result = ETIMEDOUT;
+        std::size_t answers = 0;
+        pthread_mutex_lock(&port.response_mutex);
+        for (const auto limit = Clock::now() + kDeadline; result != 0 && Clock::now() < limit;) {
+            platform_answers(port.index, "x");
+            ++answers;
+            timespec deadline{};
+            clock_gettime(CLOCK_REALTIME, &deadline);
+            deadline.tv_sec += 1;
+            result = pthread_cond_timedwait(&port.response_cond, &port.response_mutex, &deadline);
+        }
+        pthread_mutex_unlock(&port.response_mutex);
+        EXPECT_EQ(result, 0) << port.log_name;
+        EXPECT_EQ(host_reads(port.index, answers), std::string(answers, 'x'));
     }
-    pthread_mutex_unlock(&port.response_mutex);
-    EXPECT_EQ(result, 0);
-    EXPECT_EQ(host_reads(kUartPort, answers), std::string(answers, 'x'));
+}
+
+// Right code never fails here, however slow; wrong code does within the pause.
+TEST_F(Receiver, WritesUnderTheHostPortsMutex) {
+    for (const PortRecord& port : g_ports) {
+        End& end = ends_[port.index];
+        pthread_mutex_lock(&end.host_mutex);
+        platform_answers(port.index, "after");
+        pollfd entry{end.host[1], POLLIN, 0};
+        EXPECT_EQ(poll(&entry, 1, 100), 0) << port.log_name;
+        pthread_mutex_unlock(&end.host_mutex);
+        EXPECT_EQ(host_reads(port.index, 5), "after");
+    }
+}
+
+// What is behind an answer in the log is there when the next one has come.
+TEST_F(Receiver, LogsTheRoadOfAnAnswer) {
+    store_shared(g_client_ate_status, kEchoOn);
+    for (const PortRecord& port : g_ports) {
+        const std::string name = port.log_name;
+        port.echo_text.assign("AT\r");
+        testing::internal::CaptureStdout();
+        platform_sends(port.index, "junk");
+        wait_until_taken(port.index);
+        expect_answer(port.index, "y", "AT\ry");
+        expect_answer(kModemPort, "z", port.index == kModemPort ? "AT\rz" : "z");
+        const std::string log = testing::internal::GetCapturedStdout();
+        EXPECT_THAT(log, HasSubstr("read data error.\r\n"));
+        EXPECT_THAT(log, HasSubstr("atcmd response(" + name + "). open ate1 <AT\r>...<y>,4.\r\n"));
+        EXPECT_THAT(log, HasSubstr("!!!!!<<<<<<<<<<<<<<<<<<<< " + name +
+                                   " app-plat<<<<<<<<<<<<<<<<<<<!!!!!\r\n"));
+        EXPECT_THAT(log, testing::Not(HasSubstr(" timeout <<<<")));
+        port.echo_text.clear();
+    }
 }
 
 // The wait has no predicate, so the test signals until the answer is there.
@@ -435,6 +503,26 @@ TEST_F(Receiver, WaitsFiveSecondsForAModemThatSaysNothing) {
     EXPECT_GE(Clock::now() - start, 5s);
 }
 
+TEST_F(Receiver, LogsTheEndOfItsWaitForTheModem) {
+    for (const PortRecord& port : g_ports) {
+        store_shared(port.send_done, 1);
+        testing::internal::CaptureStdout();
+        platform_answers(port.index, "x");
+        pollfd entry{ends_[port.index].host[1], POLLIN, 0};
+        for (const auto limit = Clock::now() + kDeadline;
+             poll(&entry, 1, 10) == 0 && Clock::now() < limit;)
+            pthread_cond_signal(&g_cond_ap_with_cp);
+        EXPECT_EQ(host_reads(port.index, 1), "x");
+        char pair[64];
+        snprintf(pair, sizeof pair, "cond:%p, mutex:%p, 0.\r\n",
+                 static_cast<void*>(&g_cond_ap_with_cp), static_cast<void*>(&g_mut_ap_with_cp));
+        EXPECT_THAT(testing::internal::GetCapturedStdout(),
+                    HasSubstr("!!!!!<<<<<<<<<<<<<<<<<<<< "s + port.log_name +
+                              " timeout <<<<<<<<<<<<<<<<<<<!!!!! " + pair));
+        store_shared(port.send_done, 0);
+    }
+}
+
 TEST_F(Receiver, BadHeadsReachNoHostAndTheNextAnswerDoes) {
     const std::string good = pack_of("good");
     for (const std::string& bad :
@@ -442,9 +530,7 @@ TEST_F(Receiver, BadHeadsReachNoHostAndTheNextAnswerDoes) {
         platform_sends(kAtPort, bad);
         // The receiver has these bytes before the next ones come, or both would be one read: its
         // queue is empty, and it has gone on to another port.
-        int queued = 1;
-        for (const auto limit = Clock::now() + kDeadline; queued > 0 && Clock::now() < limit;)
-            ioctl(ends_[kAtPort].connection[0], FIONREAD, &queued);
+        wait_until_taken(kAtPort);
         expect_answer(kModemPort, "next port", "next port");
         expect_answer(kAtPort, "good", "good");
     }

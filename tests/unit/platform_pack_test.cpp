@@ -15,6 +15,16 @@ constexpr auto kReportUart = build_port_report(PORT_UART);
 static_assert(std::string_view(kReportUart.data(), 4) == "kcap");
 static_assert(kReportUart[4] == 48 && kReportUart[20] == CMD_PORT_REPORT && kReportUart[44] == 4);
 
+// Both ends of the link count on these numbers.
+static_assert(kPackMagic == 0x7061636B && kPackAreaSize == 131072 && kSentPayloadMax == 131028);
+static_assert(kReceivedPayloadMax == 4096);
+static_assert(CMD_INVALID == -1 && CMD_IND == 0 && CMD_AT_CMD == 1 && CMD_AT_DATA == 2 &&
+              CMD_AT_ONLINE_CMD == 3 && CMD_PORT_REPORT == 4 && CMD_MAX == 5);
+static_assert(MSG_SYNC == 0 && MSG_ASYNC == 1 && MSG_IND == 2 && MSG_MAX == 3);
+static_assert(PORT_INVALID == -1 && PORT_AT0 == 0 && PORT_AT1 == 1 && PORT_NAMEA == 2 &&
+              PORT_MBIM == 3 && PORT_UART == 4 && PORT_MAX == 5);
+static_assert(E_CUST_DEFAULT == 0 && E_CUST_EE_DEVINFO == 1 && E_CUST_JSON_RESTORE == 2);
+
 std::string pack_of(std::string_view payload, cmd_enum_type cmd_type = CMD_AT_CMD) {
     std::string area(payload.size() + kPackHeadsSize, 'x');
     EXPECT_EQ(build_pack(area, cmd_type, payload), area.size());

@@ -88,10 +88,30 @@ TEST_F(Refusals, WithoutASocketAPortHasNoPlatformConnection) {
 
 TEST_F(Refusals, TheUdpServerGetsNoSocketOrNoPort) {
     system_.answer(Call::socket, -1, EMFILE);
+    testing::internal::CaptureStderr();
     EXPECT_EQ(init_udp_at_server_socket(), -1);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "init_udp_at_server_socket error.: Too many open files\n");
     EXPECT_EQ(system_.count(Call::bind), 0);
     system_.answer(Call::bind, -1, EADDRINUSE);
+    testing::internal::CaptureStderr();
     EXPECT_EQ(init_udp_at_server_socket(), -1);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "init_udp_at_server_socket bind error.: Address already in use\n");
+}
+
+TEST_F(Refusals, TheUdpServersSocketIsADatagramSocketAndIsLogged) {
+    system_.answer(Call::bind, 0);  // the port may be in use here
+    int sockfd = -1;
+    const std::string log = log_of([&] { sockfd = init_udp_at_server_socket(); });
+    ASSERT_GE(sockfd, 0);
+    EXPECT_THAT(log, HasSubstr("init_udp_at_server_socket exit. fd:" + std::to_string(sockfd) +
+                               ",0,0.\r\n"));
+    int protocol = 0;
+    socklen_t size = sizeof protocol;
+    EXPECT_EQ(getsockopt(sockfd, SOL_SOCKET, SO_PROTOCOL, &protocol, &size), 0);
+    EXPECT_EQ(protocol, 17);
+    close(sockfd);
 }
 
 TEST_F(Refusals, TheRelayGetsNoSocketOrNoTimeOut) {
@@ -122,7 +142,12 @@ TEST_F(Refusals, AFailedSendIsLoggedAndAnAbsentPlatformNamesAllConnections) {
             EXPECT_EQ(client_send_msg(ends[0], "AT\r", 3, 0, answer, &length, &ext_info), -1);
         });
         EXPECT_THAT(log, HasSubstr("send data failed,fd:"));
-        EXPECT_EQ(log.find("close all socket it and reconnect.") != log.npos, row.names_all);
+        const std::string all =
+            "close all socket it and reconnect. m_fd:" +
+            std::to_string(load_shared(g_loc_client_socket)) +
+            ", at_fd:" + std::to_string(load_shared(g_loc_client_socket_atport)) +
+            ", uart_fd:" + std::to_string(load_shared(g_loc_client_socket_uartport)) + ".\r\n";
+        EXPECT_EQ(log.find(all) != log.npos, row.names_all);
     }
     close(ends[0]);
     close(ends[1]);

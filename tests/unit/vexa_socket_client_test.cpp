@@ -8,6 +8,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <memory>
 #include <random>
@@ -113,6 +114,19 @@ TEST(ClientSendMsg, DataGoesThroughByLengthNulIncluded) {
     const std::string bytes = pair.take();
     EXPECT_EQ(bytes.substr(44), "a\0b"s);
     EXPECT_EQ(bytes[20], CMD_AT_DATA);
+}
+
+// A packet socket keeps the borders of sends, and refuses this flag.
+TEST(ClientSendMsg, APackIsOneSendWithTheCallersFlag) {
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
+    EXPECT_EQ(send_message(ends[0], "AT\r", USB_PORT_ATCMD_MODE, MSG_OOB), -1);
+    EXPECT_EQ(send_message(ends[0], "AT\r", USB_PORT_ATCMD_MODE), 47);
+    char packet[64];
+    EXPECT_EQ(recv(ends[1], packet, sizeof packet, MSG_DONTWAIT), 47);
+    EXPECT_EQ(recv(ends[1], packet, sizeof packet, MSG_DONTWAIT), -1);
+    close(ends[0]);
+    close(ends[1]);
 }
 
 TEST(ClientSendMsg, BadArgumentsAreRefused) {
@@ -282,6 +296,20 @@ TEST(ClientReceiveDeathTest, AWholePackWithAPayloadOver4096StopsTheProcess) {
     EXPECT_DEATH(receive(pair.daemon), "4097 bytes would overrun its 4096");
 }
 
+TEST(ClientReceive, AReadTakesAtMostTheScratchArea) {
+    const Pair pair;
+    std::string bytes;
+    for (int i = 0; i < 40; ++i) bytes += pack_of("x");
+    while (bytes.size() < kPackAreaSize) bytes += pack_of("");
+    ASSERT_EQ(bytes.size(), kPackAreaSize);
+    testing::internal::CaptureStdout();
+    pair.put(bytes);
+    EXPECT_EQ(receive(pair.daemon).result, 40);
+    pair.put(pack_of("y") + bytes);
+    EXPECT_EQ(receive(pair.daemon).result, 0) << "the last pack is not wholly in the first read";
+    testing::internal::GetCapturedStdout();
+}
+
 TEST(ClientReceive, RandomPacksInRandomGroups) {
     std::mt19937 random(1109);
     const Pair pair;
@@ -359,12 +387,66 @@ TEST(ClientReportPortName, BadArgumentsAreRefused) {
     EXPECT_EQ(pair.take(), "");
 }
 
+// What the log says of each outcome.
+template <typename Action>
+std::string log_of(const Action& action) {
+    testing::internal::CaptureStdout();
+    action();
+    return testing::internal::GetCapturedStdout();
+}
+
+TEST(PlatformClientLog, TellsEachOutcome) {
+    Pair pair;
+    const std::string sock = std::to_string(pair.daemon);
+    char area[8];
+    const auto wait_for_nothing = [&] { recv_with_timeout(pair.daemon, area, sizeof area, 0, 0); };
+    EXPECT_THAT(log_of([&] { send_message(pair.daemon, "AT\r", USB_PORT_ATCMD_MODE); }),
+                HasSubstr("send data sucess. sock:" + sock + ",:iret:47.\r\n"));
+    EXPECT_THAT(log_of([] { client_report_port_name(-1, PORT_AT0); }),
+                HasSubstr("client_report_port_name input error.\r\n"));
+    EXPECT_THAT(log_of(wait_for_nothing), HasSubstr("recv_with_timeout failed or timeout.\r\n"));
+    const std::string again = std::to_string(EAGAIN);
+    EXPECT_THAT(log_of([&] { receive(pair.daemon); }),
+                HasSubstr("recv error from plat.iret:-1, error_info:Resource temporarily "
+                          "unavailable, " +
+                          again + ".\r\n"));
+    EXPECT_THAT(log_of([&] { client_send_msg(-1, "AT", 2, 0, area, nullptr, nullptr); }),
+                HasSubstr("client_send_sync_msg input error.\r\n"));
+}
+
+TEST(PlatformClientLog, TellsEachPackOfARead) {
+    const Pair pair;
+    pair.put(pack_of("OK") + pack_of("\r\n"));
+    const std::string log = log_of([&] { receive(pair.daemon); });
+    EXPECT_THAT(log, HasSubstr("mulit_pack_offset:46, offset:0, each_payload_buf:(OK), buf:(OK), "
+                               "each_len_without_head:2, total_payload_len:2. \r\n"));
+    EXPECT_THAT(log, HasSubstr("mulit_pack_offset:92, offset:46, each_payload_buf:(\r\n), "
+                               "buf:(OK\r\n), each_len_without_head:2, total_payload_len:4. \r\n"));
+}
+
 TEST(ReconnectAppPlatform, ClosesTheOldAndFailsWithoutAPlatform) {
     int ends[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    g_reconn_client_sockfd = -1;
+    const SystemCalls system;
+    testing::internal::CaptureStdout();
+    const int lowest_free = dup(0);
+    close(lowest_free);
     EXPECT_EQ(reconnect_app_platform(ends[0]), -3);
+    EXPECT_THAT(testing::internal::GetCapturedStdout(),
+                HasSubstr("reconnect_app_platform failed, errno:" + std::to_string(ENOENT) +
+                          ", info:No such file or directory.\r\n"));
+    EXPECT_EQ(system.connect_length(), 36U) << "family, path and its NUL";
+    EXPECT_EQ(g_reconn_client_sockfd, -1);
     char byte;
     EXPECT_EQ(recv(ends[1], &byte, 1, 0), 0) << "the old connection was closed";
+    const int left_open = std::min(ends[0], lowest_free);
+    int domain = 0;
+    socklen_t size = sizeof domain;
+    EXPECT_EQ(getsockopt(left_open, SOL_SOCKET, SO_DOMAIN, &domain, &size), 0)
+        << "the new socket stays open";
+    EXPECT_EQ(domain, AF_UNIX);
+    close(left_open);
     close(ends[1]);
 }
 
@@ -425,7 +507,9 @@ TEST(ReconnectAppPlatform, WithoutASocketNothingIsKept) {
     int ends[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
     g_reconn_client_sockfd = -1;
+    testing::internal::CaptureStdout();
     EXPECT_EQ(reconnect_app_platform(ends[0]), -2);
+    EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("re-socket error.\r\n"));
     EXPECT_EQ(g_reconn_client_sockfd, -1);
     close(ends[1]);
 }
