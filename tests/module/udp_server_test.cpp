@@ -70,6 +70,39 @@ TEST(UdpServer, AClientIsAnsweredByTheModemAndHearsUnsolicitedText) {
     EXPECT_EQ(module.at_port().received(), "");
 }
 
+TEST(UdpServer, EveryLocalAddressIsServed) {
+    Module module;
+    const bench::UniqueFd client = module.socket(AF_INET, SOCK_DGRAM);
+    const sockaddr_in server = loopback(INADDR_LOOPBACK + 1, 5555);
+    ASSERT_EQ(
+        sendto(client.get(), "x", 1, 0, reinterpret_cast<const sockaddr*>(&server), sizeof server),
+        1);
+    char byte = 0;
+    module.wait_until([&] { return recv(client.get(), &byte, 1, MSG_DONTWAIT) == 1; }, "the echo");
+    EXPECT_EQ(byte, 'x');
+}
+
+TEST(UdpServer, TheLogTellsEachStep) {
+    Module module;
+    module.wait_for_log("udp_server_data_handler enter.0,0,0.\r\n");
+    UdpClient client = module.udp_client();
+    client.send("AT+CFUN?\r");
+    module.at_channel().expect("AT+CFUN?\r");
+    module.at_channel().send("\r\nOK\r\n");
+    client.expect("\r\nOK\r\n");
+    module.wait_for_log("proc atcmd succesfully than send result to udp client .");
+    const std::string wait =
+        "recv_udp_cmd_from_client before wait from:</dev/at_usb1>, fd:<[0-9]+>, "
+        "to:</dev/smd7>, fd:<[0-9]+>. \r\n";
+    EXPECT_THAT(module.log(),
+                testing::ContainsRegex(
+                    wait + ".*recv_udp_cmd_from_client\\(read_len:9\\):> 127.0.0.1 [0-9]+ says >: "
+                           ".*set g_at_over_sokcet_enable in udp.1,0,0.\r\n"
+                           "recv_udp_cmd_from_client g_loc_udp_at_server_send_socket:<-1>, "
+                           "last_addr:<0.0.0.0>, new_addr:<127.0.0.1>, last_port:<0>, "
+                           "new_port:<[0-9]+>. \r\n"));
+}
+
 TEST(UdpServer, ALineMayComeInSeveralDatagrams) {
     Module module;
     UdpClient client = module.udp_client();
@@ -316,6 +349,11 @@ TEST(UdpServer, WithoutASocketForAnswersTheThreadEnds) {
     // Redirection is on, but there is nobody to send to.
     module.at_channel().send(kUnsolicited);
     module.at_port().expect(kUnsolicited);
+    // The receiving socket is open, or the second datagram would be refused.
+    const bench::UniqueFd late = module.socket(AF_INET, SOCK_DGRAM);
+    const sockaddr_in server = loopback(INADDR_LOOPBACK, 5555);
+    ASSERT_EQ(connect(late.get(), reinterpret_cast<const sockaddr*>(&server), sizeof server), 0);
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(send(late.get(), "y", 1, 0), 1) << strerror(errno);
 }
 
 // --- Floods

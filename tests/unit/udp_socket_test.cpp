@@ -6,7 +6,9 @@
 #include <unistd.h>
 
 #include <array>
+#include <cstddef>
 #include <memory>
+#include <tuple>
 
 #include "udp_server.h"
 #include "vexa_common_def.h"
@@ -176,9 +178,21 @@ TEST(UdpSocket, AFailedSendIsOnlyLogged) {
                           "file descriptor.\r\n"));
 }
 
+static_assert(sizeof(vexa_udp_sock_addr_t) == 20);
+static_assert(offsetof(vexa_udp_sock_addr_t, flag) == 0);
+static_assert(offsetof(vexa_udp_sock_addr_t, remote_addr) == 4);
+static_assert(std::tuple_size_v<decltype(g_udp_sock_client_addr_array)> == 5);
+
 TEST(UdpServerState, ServesNobodyAtStart) {
     EXPECT_EQ(g_at_over_sokcet_enable, 0);
+    EXPECT_EQ(g_loc_udp_at_server_socket, -1);
     EXPECT_EQ(g_loc_udp_at_server_send_socket, -1);
+    for (const vexa_udp_sock_addr_t& slot : g_udp_sock_client_addr_array) {
+        EXPECT_EQ(slot.flag, 0);
+        EXPECT_EQ(slot.remote_addr.sin_family, 0);
+        EXPECT_EQ(slot.remote_addr.sin_port, 0);
+        EXPECT_EQ(slot.remote_addr.sin_addr.s_addr, 0U);
+    }
     CaptureStdout();
     EXPECT_EQ(send_udp_answer("OK", 2), -1);
     GetCapturedStdout();
