@@ -4,13 +4,27 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cstddef>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 namespace {
 
 using namespace std::string_view_literals;
+
+static_assert(sizeof(UINT8) == 1 && sizeof(UINT16) == 2 && sizeof(UINT32) == 4);
+static_assert(sizeof(DWORD) == 4 && sizeof(BYTE) == 1 && sizeof(BOOL) == 4);
+static_assert(std::is_unsigned_v<UINT8> && std::is_unsigned_v<UINT16> &&
+              std::is_unsigned_v<UINT32> && std::is_unsigned_v<DWORD>);
+static_assert(offsetof(GSM0710_Frame, control) == 1 && offsetof(GSM0710_Frame, data_length) == 2 &&
+              offsetof(GSM0710_Frame, data) == 4 && offsetof(GSM0710_Frame, crc) == 1004);
+static_assert(sizeof(GSM0710_Frame::data) == 1000);
+static_assert(offsetof(GSM0710_Pack, headFlag) < offsetof(GSM0710_Pack, frame) &&
+              offsetof(GSM0710_Pack, frame) < offsetof(GSM0710_Pack, tailFlag));
+static_assert(sizeof m_pSend == 5120 && sizeof m_pReceive == 512 && sizeof m_nReceiveLen == 4 &&
+              sizeof m_bAddress == 1);
 
 // The register clocked bit by bit, as annex B of 27.010 draws it; no table.
 UINT8 fcs_by_definition(std::string_view bytes) {
@@ -111,7 +125,7 @@ TEST(MuxAcknowledgement, FixedFrames) {
         {3, "\xF9\x13\x3F\x01\x5D\xF9"sv},
     };
     for (const auto& row : rows) {
-        std::array<char, kMuxAnswerArea> area;
+        std::array<char, 4096> area;
         area.fill('x');
         int length = 0;
         EXPECT_EQ(assemble_ua_ack_packet(row.index, area.data(), &length), 1);
@@ -139,6 +153,19 @@ TEST(MuxUih, AnswerOkOnDlci2) {
     EXPECT_EQ(wrapped.result, 1);
     EXPECT_EQ(wrapped.length, 8);
     EXPECT_EQ(wrapped.frame, "\xF9\x09\xEF\x05OK\xD6\xF9"sv);
+}
+
+TEST(MuxUih, ClearsFourThousandAndNinetySixBytes) {
+    std::vector<char> area(kMuxAnswerArea + 1, 'x');
+    int length = 0;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(assemble_uih_respone_packet(0x09, "OK", 2, area.data(), &length), 1);
+    EXPECT_NE(testing::internal::GetCapturedStdout().find(
+                  "assemble_uih_respone_packet input exit. 9, out_len:8, crc:0xd6.\r\n"),
+              std::string::npos);
+    const std::string_view rest = std::string_view(area.data(), area.size()).substr(8);
+    EXPECT_EQ(rest.substr(0, 4096 - 8).find_first_not_of('\0'), std::string_view::npos);
+    EXPECT_EQ(rest.back(), 'x');
 }
 
 TEST(MuxUih, LengthByteAtItsEdges) {
@@ -170,7 +197,11 @@ TEST(MuxUih, BadArgumentsLeaveTheOutputsAlone) {
     std::array<char, kMuxAnswerArea + 8> area;
     area.fill('x');
     int length = 77;
+    testing::internal::CaptureStdout();
     EXPECT_EQ(assemble_uih_respone_packet(9, nullptr, 2, area.data(), &length), -1);
+    EXPECT_NE(
+        testing::internal::GetCapturedStdout().find("assemble_uih_respone_packet input error.\r\n"),
+        std::string::npos);
     EXPECT_EQ(assemble_uih_respone_packet(-1, payload, 2, area.data(), &length), -1);
     EXPECT_EQ(assemble_uih_respone_packet(9, payload, 0, area.data(), &length), -1);
     EXPECT_EQ(assemble_uih_respone_packet(9, payload, -1, area.data(), &length), -1);

@@ -6,6 +6,7 @@
 #include <array>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #include "shared_int.h"
 
@@ -22,6 +23,22 @@ constexpr auto kUa0 = "\xF9\x03\x73\x01\xD7\xF9"sv;
 constexpr auto kUa1 = "\xF9\x07\x73\x01\x15\xF9"sv;
 constexpr auto kUa2 = "\xF9\x0B\x73\x01\x92\xF9"sv;
 constexpr auto kAnswer4 = "\xF9\x13\x3F\x01\x5D\xF9"sv;
+
+static_assert(CUR_STATE_MUX_IDLE == 0 && CUR_STATE_DLC0_ESTBLISH == 1 &&
+              CUR_STATE_DLC1_ESTBLISH == 2 && CUR_STATE_DLC2_ESTBLISH == 3 &&
+              CUR_STATE_DLC3_ESTBLISH == 4 && CUR_STATE_DATA_DONE == 5 &&
+              CUR_STATE_MUX_DESTRYOY == 6 && CUR_STATE_ERROR == 7);
+static_assert(sizeof(tMuxConfig::nMode) == 1 && sizeof(tMuxConfig::nSubSet) == 1 &&
+              sizeof(tMuxConfig::nPortSpeed) == 1 && sizeof(tMuxConfig::nN1) == 4 &&
+              sizeof(tMuxConfig::nT1) == 2 && sizeof(tMuxConfig::nN2) == 2 &&
+              sizeof(tMuxConfig::nT2) == 2 && sizeof(tMuxConfig::nT3) == 2 &&
+              sizeof(tMuxConfig::nK) == 2);
+static_assert(std::is_same_v<decltype(bMuxActiveStatus), BOOL>);
+
+// Before any test: they are constants until then.
+const eParsePackCurState kStateAtStart = g_cur_mux_proc_state;
+const int kStatusAtStart = g_uart_port_status;
+const int kAddressesAtStart = g_mux_atcmd_dlc + g_mux_ppp_dlc;
 
 struct Outcome {
     int result = 0;
@@ -69,6 +86,12 @@ class MuxSession : public testing::Test {
     }
 };
 
+TEST(MuxSessionAtStart, RefusesFramesAndTakesCommands) {
+    EXPECT_EQ(kStateAtStart, CUR_STATE_ERROR);
+    EXPECT_EQ(kStatusAtStart, 0);
+    EXPECT_EQ(kAddressesAtStart, 0);
+}
+
 TEST_F(MuxSession, TestFormAnswersExactlyItsFiftyNineBytes) {
     const Outcome outcome = give("AT+CMUX=?\r");
     EXPECT_EQ(outcome.result, 0);
@@ -101,6 +124,53 @@ TEST_F(MuxSession, SetFormStoresModeOneAndIgnoresTheRest) {
     EXPECT_EQ(g_MuxCfg.nK, 2);
     EXPECT_EQ(g_cur_mux_proc_state, CUR_STATE_MUX_IDLE);
     EXPECT_EQ(load_shared(g_uart_port_status), 1);
+}
+
+TEST_F(MuxSession, FormsAreToldApartInTheirOrder) {
+    const std::string test = "+CMUX: (0),(0),(1-6),(1-1509),(1-255),(0-5),(2-255),(1-255)";
+    const std::string zeros = "+CMUX: 0,0,0,0,0,0,0,0";
+    const struct {
+        std::string_view line;
+        std::string answer;
+        int mode;  // what a set form stores
+        const char* why;
+    } rows[] = {
+        {"AT+CMUX?;+CMUX=?\r", test, 7, "test before read"},
+        {"AT+CMUX=0;+CMUX=?\r", test, 7, "test before set"},
+        {"AT+CMUX=0;+CMUX?\r", zeros, 7, "read before set"},
+        {"AT+CMUX=1;+CMUX=0\r", "\r\nOK\r\n", 0, "0 before 1"},
+        {"AT+CMUX=0,0,5\r", "\r\nOK\r\n", 0, "mode 0"},
+        {"at+cmux=1\r", "\r\nOK\r\n", 1, "mode 1"},
+    };
+    for (const auto& row : rows) {
+        SetUp();
+        const bool is_set = row.mode != 7;
+        const Outcome outcome = give(row.line);
+        EXPECT_EQ(outcome.result, 0) << row.why;
+        EXPECT_EQ(outcome.bytes, row.answer) << row.why;
+        EXPECT_EQ(load_shared(g_uart_port_status), is_set ? 1 : 0) << row.why;
+        EXPECT_EQ(g_MuxCfg.nMode, is_set ? row.mode : 0) << row.why;
+    }
+}
+
+TEST_F(MuxSession, RefusedCommandIsLogged) {
+    testing::internal::CaptureStdout();
+    give("AT+CMUX\r");
+    EXPECT_NE(testing::internal::GetCapturedStdout().find("proc,error don't surport.\r\n"),
+              std::string::npos);
+}
+
+TEST_F(MuxSession, PayloadStandsInAClearedArea) {
+    open_channels();
+    std::array<char, 4096> area;
+    area.fill('x');
+    int length = 0;
+    int direction = 0;
+    const std::string_view frame = "\xF9\x0B\xEF\x07\x41\x54\x0D\x54\xF9"sv;
+    EXPECT_EQ(SA_DefaultMuxDataHandler_CMUX(frame.data(), static_cast<int>(frame.size()),
+                                            area.data(), &length, &direction),
+              0);
+    EXPECT_EQ(std::string(area.data(), area.size()), "AT\r" + std::string(4093, '\0'));
 }
 
 TEST_F(MuxSession, AnswersEndWithANul) {
