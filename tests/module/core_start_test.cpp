@@ -141,6 +141,19 @@ TEST(CoreStart, WithoutAnyThreadTheMainThreadSleepsForEver) {
 #endif
 #endif
 
+// Each of them would say something at once.
+TEST(CoreStart, TheQmiServiceAndItsSelfTestAreNotStarted) {
+    Module module;
+    for (const int port : {0, 1, 2}) {
+        module.host_port(port).write("AT+CFUN?\r");
+        module.channel(port).expect("AT+CFUN?\r");
+        module.channel(port).send("\r\nOK\r\n");
+        module.host_port(port).expect("\r\nOK\r\n");
+    }
+    for (const char* words : {"+++++++++++++++++++", "Unable to register service!", "TEST: "})
+        EXPECT_EQ(module.log_count(words), 0) << words;
+}
+
 class RefusedIntent : public testing::TestWithParam<const char*> {};
 
 TEST_P(RefusedIntent, EndsWithStatus1) {
