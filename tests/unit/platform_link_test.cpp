@@ -296,12 +296,6 @@ class Receiver : public testing::Test {
                   static_cast<ssize_t>(bytes.size()));
     }
 
-    static void wait_until_taken(PortIndex port) {
-        int queued = 1;
-        for (const auto limit = Clock::now() + kDeadline; queued > 0 && Clock::now() < limit;)
-            ioctl(ends_[port].connection[0], FIONREAD, &queued);
-    }
-
     static void platform_answers(PortIndex port, std::string_view text,
                                  cmd_enum_type cmd_type = CMD_IND) {
         platform_sends(port, pack_of(text, cmd_type));
@@ -316,6 +310,16 @@ class Receiver : public testing::Test {
                               cmd_enum_type cmd_type = CMD_IND) {
         platform_answers(port, answer, cmd_type);
         EXPECT_EQ(host_reads(port, expected.size()), expected);
+    }
+
+    // The receiver has these bytes before the next ones come, or both would be one read: its queue
+    // is empty, and it has gone on to another port.
+    static void platform_sends_alone(PortIndex port, std::string_view bytes) {
+        platform_sends(port, bytes);
+        int queued = 1;
+        for (const auto limit = Clock::now() + kDeadline; queued > 0 && Clock::now() < limit;)
+            ioctl(ends_[port].connection[0], FIONREAD, &queued);
+        expect_answer(port == kModemPort ? kAtPort : kModemPort, "next port", "next port");
     }
 
     static std::array<End, kPortCount> ends_;
@@ -471,8 +475,7 @@ TEST_F(Receiver, LogsTheRoadOfAnAnswer) {
         const std::string name = port.log_name;
         port.echo_text.assign("AT\r");
         testing::internal::CaptureStdout();
-        platform_sends(port.index, "junk");
-        wait_until_taken(port.index);
+        platform_sends_alone(port.index, "junk");
         expect_answer(port.index, "y", "AT\ry");
         expect_answer(kModemPort, "z", port.index == kModemPort ? "AT\rz" : "z");
         const std::string log = testing::internal::GetCapturedStdout();
@@ -527,11 +530,7 @@ TEST_F(Receiver, BadHeadsReachNoHostAndTheNextAnswerDoes) {
     const std::string good = pack_of("good");
     for (const std::string& bad :
          {"junk"s, good.substr(0, 43), good.substr(0, 47), std::string(100, '\0'), good + "kcap"}) {
-        platform_sends(kAtPort, bad);
-        // The receiver has these bytes before the next ones come, or both would be one read: its
-        // queue is empty, and it has gone on to another port.
-        wait_until_taken(kAtPort);
-        expect_answer(kModemPort, "next port", "next port");
+        platform_sends_alone(kAtPort, bad);
         expect_answer(kAtPort, "good", "good");
     }
 }
