@@ -48,7 +48,6 @@ class OwnProcess {
             said_.append(bytes.data(), static_cast<std::size_t>(count));
         }
     }
-    [[nodiscard]] const std::string& said() const { return said_; }
     // With everything that was said on standard error.
     [[noreturn]] void end(int status) {
         (void)!write(STDERR_FILENO, said_.data(), said_.size());
@@ -62,42 +61,43 @@ class OwnProcess {
     std::string said_;
 };
 
-// Speaks to the service's socket, which has no address before its first request.
+// Speaks to a socket that the service is given for its own: that one has no address before its
+// first request.
 class Peer {
   public:
-    explicit Peer(int service) {
+    Peer() {
         service_.sin_family = AF_INET;
         service_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         socklen_t length = sizeof service_;
-        if (bind(service, reinterpret_cast<sockaddr*>(&service_), length) != 0 ||
-            getsockname(service, reinterpret_cast<sockaddr*>(&service_), &length) != 0)
+        if (bind(services_socket, reinterpret_cast<sockaddr*>(&service_), length) != 0 ||
+            getsockname(services_socket, reinterpret_cast<sockaddr*>(&service_), &length) != 0)
             _exit(91);
     }
     void say(const std::string& datagram) const {
-        (void)!sendto(socket_, datagram.data(), datagram.size(), 0,
+        (void)!sendto(own_, datagram.data(), datagram.size(), 0,
                       reinterpret_cast<const sockaddr*>(&service_), sizeof service_);
     }
 
+    const int services_socket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+
   private:
-    int socket_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    int own_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_in service_{};
 };
 
 [[noreturn]] void forward_unsolicited_texts() {
     OwnProcess process;
+    const Peer peer;
     client_info_type unknown{&process};
     update_client_info(&unknown);
-    std::thread([] {
+    std::thread([services_socket = peer.services_socket] {
         SystemCalls system;
+        system.answer(Call::inet_socket, services_socket);
         system.answer(Call::allocation, -1);
         vexa_mbim_at_data_handler(nullptr);
         _exit(92);
     }).detach();
-    const std::string waiting = "====1 socket_fd:";
-    process.wait_for(waiting);
-    process.wait_for("\n");
-    const Peer peer(
-        std::stoi(process.said().substr(process.said().find(waiting) + waiting.size())));
+    process.wait_for("====1 socket_fd:" + std::to_string(peer.services_socket) + "\n");
     peer.say("+CREG: 1");
     process.wait_for("====Indication msg allocation failed\n");
     peer.say("+CREG: 2");

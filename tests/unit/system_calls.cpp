@@ -118,6 +118,9 @@ int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* how, Entry en
 
 int __real_socket(int domain, int type, int protocol);
 int __wrap_socket(int domain, int type, int protocol) {
+    if (domain == AF_INET)
+        if (const auto given = answered(Call::inet_socket))
+            return *given;
     const auto given = answered(Call::socket);
     return given ? *given : __real_socket(domain, type, protocol);
 }

@@ -16,6 +16,7 @@ enum class Call {
     sem_init,
     sem_wait,
     pthread_create,
+    inet_socket,  // a socket call for the Internet; what has no answer here is a `socket`
     socket,
     setsockopt,
     bind,
