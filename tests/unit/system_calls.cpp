@@ -64,6 +64,11 @@ TakenCalls::~TakenCalls() {
     t_taken = nullptr;
 }
 
+// What was called before does not count.
+SystemCalls::SystemCalls() {
+    script() = {};
+}
+
 SystemCalls::~SystemCalls() {
     script() = {};
 }

@@ -33,7 +33,7 @@ enum class Call {
 // From its making to its end the thread's calls are answered as told.
 class SystemCalls {
   public:
-    SystemCalls() = default;
+    SystemCalls();
     ~SystemCalls();
     SystemCalls(const SystemCalls&) = delete;
     SystemCalls& operator=(const SystemCalls&) = delete;
