@@ -390,8 +390,8 @@ TEST(QmiSelfTest, SendsTheCommandOfTheTriggerFileThatAppears) {
     module.wait_for_output("TEST: qmi_client_get_service_list() returned 2 num_services = 0\n");
     qmi.start_host();
     module.wait_for_output(
-        "TEST: qmi_client_get_service_list() returned 0 num_entries = 1 num_services = 1\n"
-        "1 Test Services found: Choosing service 0(numbered starting at 0)\n");
+        "TEST: qmi_client_get_service_list() returned 0 num_entries = 1 num_services = 1\n");
+    module.wait_for_output("1 Test Services found: Choosing service 0(numbered starting at 0)\n");
     module.wait_for_output("TEST: qmi_client_init returned 0\n");
     std::ofstream("/tmp/2").put('\n');
     EXPECT_EQ(server.expect_datagram(), "at+mtsm=2\r\n");

@@ -97,7 +97,7 @@ TEST(UdpServer, TheLogTellsEachStep) {
     EXPECT_THAT(module.log(),
                 testing::ContainsRegex(
                     wait + ".*recv_udp_cmd_from_client\\(read_len:9\\):> 127.0.0.1 [0-9]+ says >: "
-                           ".*set g_at_over_sokcet_enable in udp.1,0,0.\r\n"
+                           ".*set g_at_over_sokcet_enable in udp.1,0,0.\r\n.*"
                            "recv_udp_cmd_from_client g_loc_udp_at_server_send_socket:<-1>, "
                            "last_addr:<0.0.0.0>, new_addr:<127.0.0.1>, last_port:<0>, "
                            "new_port:<[0-9]+>. \r\n"));
