@@ -4,12 +4,10 @@
 #include <string>
 #include <vector>
 
+#include "platform_names.h"
+
 namespace model {
 
-// In small letters.
-extern const std::vector<std::string> kPlatformCommands;
-// The platform answers them, and the modem sees them, too.
-extern const std::vector<std::string> kBothCommands;
 // While the platform is away they are tried again for 5 s; the others go to the modem at once.
 extern const std::vector<std::string> kWorthWaiting;
 

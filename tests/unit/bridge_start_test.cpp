@@ -18,6 +18,7 @@
 #include "mhi_monitor.h"
 #include "modem_readers.h"
 #include "platform_link.h"
+#include "port_records.h"
 #include "port_state.h"
 #include "shared_int.h"
 #include "start_trace.h"
@@ -131,48 +132,6 @@ class BridgeStart : public testing::Test {
     int join_result_ = 0;
     const char* output_ = "true";  // stands for the command asked for: prints nothing
 };
-
-constexpr thread_info_t kUsbMain = {"/dev/at_usb0", "/dev/at_mdm0", &usb_fd, &mdm_fd, &usb_mutex,
-                                    &mdm_mutex,     nullptr,        nullptr, 0};
-constexpr thread_info_t kModemMain = {"/dev/at_mdm0", "/dev/at_usb0", &mdm_fd, &usb_fd, &mdm_mutex,
-                                      &usb_mutex,     nullptr,        nullptr, 0};
-constexpr thread_info_t kModemAt = {"/dev/smd7",    "/dev/at_usb1",    &mdm_atport_fd,
-                                    &usb_atport_fd, &mdm_atport_mutex, &usb_atport_mutex,
-                                    nullptr,        nullptr,           0};
-constexpr thread_info_t kModemAtOnPcie = {
-    "/dev/smd7",        "/dev/at_usb1",      &mdm_atport_fd,
-    &usb_atport_fd,     &mdm_atport_mutex,   &usb_atport_mutex,
-    "/dev/mhi_pipe_32", &usb_atport_fd_pcie, 0};
-constexpr thread_info_t kUsbAt = {"/dev/at_usb1", "/dev/smd7",       &usb_atport_fd,
-                                  &mdm_atport_fd, &usb_atport_mutex, &mdm_atport_mutex,
-                                  nullptr,        nullptr,           0};
-constexpr thread_info_t kPipeAt = {"/dev/mhi_pipe_32",
-                                   "/dev/smd7",
-                                   &usb_atport_fd_pcie,
-                                   &mdm_atport_fd,
-                                   &usb_atport_mutex,
-                                   &mdm_atport_mutex,
-                                   nullptr,
-                                   nullptr,
-                                   1};
-constexpr thread_info_t kModemUart = {"/dev/smd8",
-                                      "/dev/ttyMSM1",
-                                      &mdm_uartport_fd,
-                                      &usb_uartport_fd,
-                                      &mdm_uartport_mutex,
-                                      &usb_uartport_mutex,
-                                      nullptr,
-                                      nullptr,
-                                      0};
-constexpr thread_info_t kUsbUart = {"/dev/ttyMSM1",
-                                    "/dev/smd8",
-                                    &usb_uartport_fd,
-                                    &mdm_uartport_fd,
-                                    &usb_uartport_mutex,
-                                    &mdm_uartport_mutex,
-                                    nullptr,
-                                    nullptr,
-                                    0};
 
 struct ThreadRow {
     Entry entry;

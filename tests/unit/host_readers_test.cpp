@@ -17,6 +17,7 @@
 
 #include "descriptors.h"
 #include "mhi_monitor.h"
+#include "port_records.h"
 #include "port_state.h"
 #include "recorded_sleeps.h"
 #include "shared_int.h"
@@ -61,15 +62,9 @@ class HostReaders : public testing::Test {
     HostReaders& operator=(const HostReaders&) = delete;
 
     static thread_info_t uart_info(const char* path = kAbsent) {
-        return {path,
-                "/dev/smd8",
-                &usb_uartport_fd,
-                &mdm_uartport_fd,
-                &usb_uartport_mutex,
-                &mdm_uartport_mutex,
-                nullptr,
-                nullptr,
-                0};
+        thread_info_t info = kUsbUart;
+        info.from_file_path = path;
+        return info;
     }
     static Ended run(void* (*entry)(void*), thread_info_t info) {
         const RecordedSleeps sleeps;

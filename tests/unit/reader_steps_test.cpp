@@ -16,6 +16,7 @@
 #include "host_readers.h"
 #include "mhi_monitor.h"
 #include "modem_readers.h"
+#include "port_records.h"
 #include "port_state.h"
 #include "shared_int.h"
 #include "system_calls.h"
@@ -55,23 +56,10 @@ struct GlinkRow {
     int** published_fd;
 };
 const GlinkRow kGlinkRows[] = {
-    {modem_to_usb_bridge_glink,
-     kModemPort,
-     {"/dev/at_mdm0", "/dev/at_usb0", &mdm_fd, &usb_fd, &mdm_mutex, &usb_mutex, nullptr, nullptr,
-      0},
-     &g_mutex_usb_devie,
-     &g_fd_usb_modem_device},
-    {modem_to_usb_bridge_glink_atport,
-     kAtPort,
-     {"/dev/smd7", "/dev/at_usb1", &mdm_atport_fd, &usb_atport_fd, &mdm_atport_mutex,
-      &usb_atport_mutex, "/dev/mhi_pipe_32", &usb_atport_fd_pcie, 0},
-     &g_mutex_usb_atport_devie,
+    {modem_to_usb_bridge_glink, kModemPort, kModemMain, &g_mutex_usb_devie, &g_fd_usb_modem_device},
+    {modem_to_usb_bridge_glink_atport, kAtPort, kModemAtOnPcie, &g_mutex_usb_atport_devie,
      &g_fd_usb_atport_device},
-    {modem_to_usb_bridge_glink_uartport,
-     kUartPort,
-     {"/dev/smd8", "/dev/ttyMSM1", &mdm_uartport_fd, &usb_uartport_fd, &mdm_uartport_mutex,
-      &usb_uartport_mutex, nullptr, nullptr, 0},
-     &g_mutex_usb_uartport_devie,
+    {modem_to_usb_bridge_glink_uartport, kUartPort, kModemUart, &g_mutex_usb_uartport_devie,
      &g_fd_usb_uartport_device},
 };
 
@@ -235,25 +223,11 @@ struct HostRow {
     const char* inited_text;
 };
 const HostRow kHostRows[] = {
-    {usb_to_modem_bridge,
-     kModemPort,
-     {"/dev/at_usb0", "/dev/at_mdm0", &usb_fd, &mdm_fd, &usb_mutex, &mdm_mutex, nullptr, nullptr,
-      0},
-     &g_modem_tinfo_for_mux,
-     "usb_to_modem_bridge enter[.]\n",
-     "client has been inited[.]"},
-    {usb_atport_to_modem_bridge,
-     kAtPort,
-     {"/dev/at_usb1", "/dev/smd7", &usb_atport_fd, &mdm_atport_fd, &usb_atport_mutex,
-      &mdm_atport_mutex, nullptr, nullptr, 0},
-     &g_atport_tinfo_for_mux,
-     "usb_atport_to_modem_bridge enter[.]\n",
-     "client atport has been inited[.]"},
-    {usb_uartport_to_modem_bridge,
-     kUartPort,
-     {"/dev/ttyMSM1", "/dev/smd8", &usb_uartport_fd, &mdm_uartport_fd, &usb_uartport_mutex,
-      &mdm_uartport_mutex, nullptr, nullptr, 0},
-     &g_uart_tinfo_for_mux,
+    {usb_to_modem_bridge, kModemPort, kUsbMain, &g_modem_tinfo_for_mux,
+     "usb_to_modem_bridge enter[.]\n", "client has been inited[.]"},
+    {usb_atport_to_modem_bridge, kAtPort, kUsbAt, &g_atport_tinfo_for_mux,
+     "usb_atport_to_modem_bridge enter[.]\n", "client atport has been inited[.]"},
+    {usb_uartport_to_modem_bridge, kUartPort, kUsbUart, &g_uart_tinfo_for_mux,
      "usb_atport_to_modem_bridge enter[.]\n",  // the UART's line says atport
      "client uartport has been inited[.]"},
 };

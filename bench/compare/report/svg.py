@@ -1,5 +1,6 @@
 """A small picture of bars: one panel for each figure, one bar for each contestant."""
 
+import textwrap
 from collections.abc import Mapping, Sequence
 from html import escape
 
@@ -14,6 +15,7 @@ NAME_WIDTH = 110
 BAR_HEIGHT = 16
 HEAD = 26
 GAP = 18
+CAPTION_WIDTH = 140  # characters
 
 
 def panel(figure: Figure, names: Sequence[str], summed: Mapping[str, Values]) -> list[str]:
@@ -44,7 +46,7 @@ def draw(summed: Mapping[str, Values], caption: str) -> str:
     rows = (len(shown) + COLUMNS - 1) // COLUMNS
     width = COLUMNS * PANEL_WIDTH + 20
     parts = [f'<svg xmlns="http://www.w3.org/2000/svg" width="{width}" '
-             f'height="{rows * height + 40}" role="img">',
+             f'height="{rows * height + 54}" role="img">',
              f"<title>{escape(caption)}</title>",
              "<style>text{font:11px sans-serif;fill:#222}.head{font-weight:bold}"
              ".note{font-weight:normal;fill:#777}</style>",
@@ -55,6 +57,8 @@ def draw(summed: Mapping[str, Values], caption: str) -> str:
         parts.append(f'<g transform="translate({left},{top})">')
         parts += panel(figure, names, summed)
         parts.append("</g>")
-    parts += [f'<text class="note" x="10" y="{rows * height + 28}">{escape(caption)}</text>',
-              "</svg>"]
+    for at, line in enumerate(textwrap.wrap(caption, CAPTION_WIDTH)):
+        parts.append(f'<text class="note" x="10" y="{rows * height + 28 + at * 14}">'
+                     f"{escape(line)}</text>")
+    parts.append("</svg>")
     return "\n".join(parts) + "\n"
