@@ -101,6 +101,9 @@ Contestant::Contestant(Rig& rig, const Kind& kind, const std::vector<std::string
         case Kind::How::bridge:
             start_bridges({bench::program_folder() + "/vexa-plain-bridge"}, "");
             break;
+        case Kind::How::resting_bridge:
+            start_bridges({bench::program_folder() + "/vexa-plain-bridge", "--resting"}, "");
+            break;
         case Kind::How::socat:
             start_bridges({"/usr/bin/socat"}, ",rawer");
             break;

@@ -11,16 +11,17 @@
 namespace compare {
 
 struct Kind {
-    enum class How { bare, bridge, socat, daemon };
+    enum class How { bare, bridge, resting_bridge, socat, daemon };
     How how;
     const char* name;
     bool log_on_diag = false;  // of the daemon: the log on the diagnostic channel, nobody listening
 };
 
 // In the order in which they take turns.
-inline constexpr std::array<Kind, 5> kContestants{{
+inline constexpr std::array<Kind, 6> kContestants{{
     {Kind::How::bare, "pty pair"},
     {Kind::How::bridge, "plain bridge"},
+    {Kind::How::resting_bridge, "resting bridge"},
     {Kind::How::socat, "socat"},
     {Kind::How::daemon, "daemon"},
     {Kind::How::daemon, "daemon, log off", true},
@@ -36,6 +37,8 @@ class Contestant {
     Contestant& operator=(const Contestant&) = delete;
 
     [[nodiscard]] bool is_daemon() const { return kind_.how == Kind::How::daemon; }
+    // It tells what the required rests allow of a stream; commands do not wait for its rests.
+    [[nodiscard]] bool is_for_streams() const { return kind_.how == Kind::How::resting_bridge; }
     // Where the modem stands: behind the contestant or, without one, at the pty's other end.
     [[nodiscard]] int modem_end(int index) const;
     // CPU time of its processes up to now.

@@ -51,7 +51,9 @@ void compare_all(int rounds, const Amounts& amounts) {
             const auto first = static_cast<std::size_t>(round);
             const Kind& kind = kContestants[(first + turn) % kContestants.size()];
             Contestant contestant(rig, kind);
-            measure_commands(rig, contestant, kind, amounts, round);
+            if (!contestant.is_for_streams()) {
+                measure_commands(rig, contestant, kind, amounts, round);
+            }
             measure_streams(rig, contestant, kind, amounts, round);
         }
     }

@@ -48,7 +48,7 @@ class Sums(unittest.TestCase):
 
     def test_a_rest_is_the_machines_not_a_contestants_answer(self) -> None:
         summed = sum_up([{"by": "pty pair", "figure": "rest", "samples_ns": [1e6, 1.1e6, 9e6]}])
-        self.assertEqual(summed["pty pair"], {"rest_ms": 1.1})
+        self.assertEqual(summed["pty pair"], {"rest_ms": 1.1, "rests_a_second": 1e3 / 1.1})
 
     def test_a_chunk_to_the_host_is_timed_where_chunks_were_counted(self) -> None:
         summed = sum_up([stream("daemon", 3, "to host", 250), stream("socat", 50, "to host")])
@@ -68,6 +68,18 @@ class Verdicts(unittest.TestCase):
     def test_both_sides_of_a_rate(self) -> None:
         self.assertTrue(judge(sum_up([rate("daemon", 450)]))[0].met)
         self.assertFalse(judge(sum_up([rate("daemon", 449)]))[0].met)
+
+    def test_a_stream_is_held_against_a_bridge_that_rests_too(self) -> None:
+        for daemon, met in ((95, True), (94, False)):
+            summed = sum_up([stream("resting bridge", 100, "to host"),
+                             stream("daemon", daemon, "to host")])
+            self.assertEqual([verdict.met for verdict in judge(summed)], [met], daemon)
+
+    def test_the_platforms_rate_is_held_against_the_rests_of_this_machine(self) -> None:
+        rest = {"by": "pty pair", "figure": "rest", "samples_ns": [1.25e6]}  # 800 a second
+        for daemon, met in ((720, True), (719, False)):
+            verdicts = judge(sum_up([rest, rate("daemon", daemon, 1, "platform")]))
+            self.assertEqual([verdict.met for verdict in verdicts], [False, met], daemon)
 
     def test_what_was_not_measured_is_not_judged(self) -> None:
         self.assertEqual(judge(sum_up([latency("daemon", 1)])), [])

@@ -8,7 +8,7 @@ from .figures import FIGURES, Figure, Values
 
 PANELS = ("answer_us_median", "answer_us_p99", "rate_1", "rate_3", "to_modem_1500",
           "cpu_to_modem_1500", "to_host_1500", "taken_us")
-COLOURS = ("#9aa5b1", "#7aa6c2", "#4f81bd", "#c0504d", "#e6a09e")
+COLOURS = ("#9aa5b1", "#7aa6c2", "#a3c9a8", "#4f81bd", "#c0504d", "#e6a09e")
 COLUMNS = 2
 PANEL_WIDTH = 460
 NAME_WIDTH = 110
@@ -24,15 +24,13 @@ def panel(figure: Figure, names: Sequence[str], summed: Mapping[str, Values]) ->
     better = "more is better" if figure.more_is_better else "less is better"
     parts = [f'<text class="head" y="14">{escape(figure.title)}, {escape(figure.unit)}'
              f' <tspan class="note">({better})</tspan></text>']
-    for row, name in enumerate(names):
+    for row, name in enumerate(values):
         top = HEAD + row * BAR_HEIGHT
         parts.append(f'<text x="{NAME_WIDTH - 6}" y="{top + 12}" text-anchor="end">'
                      f"{escape(name)}</text>")
-        if name not in values:
-            continue
         width = max(1.0, (PANEL_WIDTH - NAME_WIDTH - 80) * values[name] / longest)
         parts.append(f'<rect x="{NAME_WIDTH}" y="{top + 1}" width="{width:.1f}" '
-                     f'height="{BAR_HEIGHT - 3}" fill="{COLOURS[row % len(COLOURS)]}"/>')
+                     f'height="{BAR_HEIGHT - 3}" fill="{COLOURS[names.index(name) % len(COLOURS)]}"/>')
         parts.append(f'<text x="{NAME_WIDTH + width + 4:.1f}" y="{top + 12}">'
                      f"{values[name]:,.{figure.digits}f}</text>")
     return parts
