@@ -59,6 +59,11 @@ configure() {
         cmake --preset "$preset" "-DBUILD_TESTING=$tests" "${launcher[@]}") >&2
 }
 
+# build_without_tests TARGET: of the preset host, on a machine that may have no test packages.
+build_without_tests() {
+    configure host OFF && cmake --build "$ROOT/build/host" -j "$(jobs_wanted)" --target "$1"
+}
+
 # Where this machine's own packages come from, or VEXA_DEBIAN_MIRROR.
 debian_mirror() {
     local found=${VEXA_DEBIAN_MIRROR:-}

@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+import subprocess
+import sys
 import tempfile
 import unittest
 import xml.etree.ElementTree
@@ -121,6 +123,31 @@ class Pages(unittest.TestCase):
     def test_every_row_of_the_table_is_as_wide_as_its_head(self) -> None:
         rows = page.rows_of(sum_up([latency("socat", 1), rate("daemon", 2)]))
         self.assertEqual({len(row) for row in rows}, {4})
+
+
+class Places(unittest.TestCase):
+    """The rig is a program that cannot be started: nothing may come to it."""
+
+    def told(self, *arguments: str) -> tuple[int, str]:
+        done = subprocess.run([sys.executable, "-B", "-m", "report", "--rig", "/dev/null",
+                               *arguments], capture_output=True, text=True, check=False)
+        return done.returncode, done.stderr
+
+    def test_a_place_that_cannot_be_written_is_told_before_anything_is_measured(self) -> None:
+        with tempfile.TemporaryDirectory() as folder:
+            file = Path(folder) / "file"
+            file.write_text("words", encoding="utf-8")
+            good = str(Path(folder) / "good")
+            for arguments, said in [
+                    (("--json", f"{file}/below", "--svg", good), f"{file}: File exists"),
+                    (("--json", good, "--svg", folder), f"{folder}: Is a directory"),
+                    (("--json", good, "--update", f"{folder}/none.md"), "No such file"),
+                    (("--json", good, "--update", str(file)), "the marks for the figures")]:
+                with self.subTest(arguments=arguments):
+                    status, words = self.told(*arguments)
+                    self.assertIn(status, (1, 2))
+                    self.assertIn(said, words)
+                    self.assertNotIn("Traceback", words)
 
 
 if __name__ == "__main__":

@@ -14,6 +14,7 @@ from . import page, svg
 from .figures import judge, sum_up
 
 WORK_KINDS = ("modem", "platform", "udp", "mux")
+BUILD = Path(__file__).resolve().parents[3] / "build"
 
 
 def arguments() -> argparse.Namespace:
@@ -22,9 +23,9 @@ def arguments() -> argparse.Namespace:
     parser.add_argument("--quick", action="store_true",
                         help="two short rounds: a look, no figure to quote")
     parser.add_argument("--rounds", type=int, default=5, help="turns of each contestant (5)")
-    parser.add_argument("--json", type=Path, default=Path("build/performance.json"),
+    parser.add_argument("--json", type=Path, default=BUILD / "performance.json",
                         help="where the outcome goes (build/performance.json)")
-    parser.add_argument("--svg", type=Path, default=Path("build/performance.svg"),
+    parser.add_argument("--svg", type=Path, default=BUILD / "performance.svg",
                         help="where the picture goes (build/performance.svg)")
     parser.add_argument("--update", type=Path, metavar="PAGE",
                         help="put table and picture into this page, too")
@@ -33,9 +34,23 @@ def arguments() -> argparse.Namespace:
     parsed = parser.parse_args()
     if parsed.rounds < 1:
         parser.error("--rounds wants a number over 0")
-    if parsed.update is not None and not parsed.update.is_file():
-        parser.error(f"--update: {parsed.update} is not there")
+    if parsed.update is not None:
+        parsed.svg = parsed.update.parent / "picture" / "performance.svg"
+    try:
+        check_places(parsed)
+    except OSError as failure:
+        parser.error(f"{failure.filename}: {failure.strerror}")
     return parsed
+
+
+def check_places(given: argparse.Namespace) -> None:
+    """What cannot be written is told now, not when the minutes of measuring are over."""
+    if given.update is not None:
+        page.check(given.update)
+    for path in (given.json, given.svg):
+        path.parent.mkdir(parents=True, exist_ok=True)
+        with path.open("a", encoding="utf-8"):
+            pass
 
 
 def machine() -> dict[str, str]:
@@ -99,18 +114,15 @@ def main() -> int:
     outcome = measure(given)
     verdicts = judge(outcome["figures"])
     outcome["targets"] = [vars(verdict) for verdict in verdicts]
-    picture = given.update.parent / "picture" / "performance.svg" if given.update else given.svg
-    for path in (given.json, picture):
-        path.parent.mkdir(parents=True, exist_ok=True)
     given.json.write_text(json.dumps(outcome, indent=1) + "\n", encoding="utf-8")
-    picture.write_text(svg.draw(outcome["figures"], page.machine_text(outcome).replace("`", "")),
-                       encoding="utf-8")
+    given.svg.write_text(svg.draw(outcome["figures"], page.machine_text(outcome).replace("`", "")),
+                         encoding="utf-8")
     if given.update:
         page.update(given.update, outcome, verdicts, "picture/performance.svg")
     for rows in (page.rows_of(outcome["figures"]), page.verdict_rows(verdicts),
                  page.cpu_rows(outcome["cpu_us"])):
         print(page.as_text(rows) + "\n")
-    print(f"{given.json}, {picture}")
+    print(f"{given.json}, {given.svg}")
     return 1 if given.strict and not all(verdict.met for verdict in verdicts) else 0
 
 

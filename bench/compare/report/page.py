@@ -59,15 +59,23 @@ def machine_text(outcome: Mapping[str, Any]) -> str:
             "the comparison's own included.")
 
 
+MARKED = re.compile(re.escape(BEGIN) + ".*?" + re.escape(END), re.S)
+
+
+def check(page: Path) -> None:
+    """Raises when the page cannot take an outcome."""
+    with page.open("r+", encoding="utf-8") as file:
+        if not MARKED.search(file.read()):
+            raise SystemExit(f"{page}: the marks for the figures are not there: {BEGIN} ... {END}")
+
+
 def update(page: Path, outcome: Mapping[str, Any], verdicts: Sequence[Verdict],
            picture: str) -> None:
     """Puts the outcome between the page's two marks."""
     parts = [machine_text(outcome), f"![Bars: the figures of the table]({picture})",
              as_markdown(rows_of(outcome["figures"])), as_markdown(verdict_rows(verdicts)),
              as_markdown(cpu_rows(outcome["cpu_us"]))]
+    check(page)
     text = page.read_text(encoding="utf-8")
-    marked = re.compile(re.escape(BEGIN) + ".*?" + re.escape(END), re.S)
-    if not marked.search(text):
-        raise SystemExit(f"{page}: the marks for the figures are not there: {BEGIN} ... {END}")
     inside = "\n\n".join([BEGIN, *parts, END])
-    page.write_text(marked.sub(lambda _: inside, text), encoding="utf-8")
+    page.write_text(MARKED.sub(lambda _: inside, text), encoding="utf-8")
