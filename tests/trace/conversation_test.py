@@ -75,6 +75,13 @@ class Lines(unittest.TestCase):
                          said(5, "uart", "out", b"\xef\x05OK"))
         self.assertNotIn("part of a frame", lines(made)[4])
 
+    def test_a_cut_frame_does_not_reach_over_a_port_that_opens_anew(self) -> None:
+        made = recording(happened(1, "uart", "mode", mode="mux"),
+                         said(2, "uart", "in", bytes.fromhex("f909ef05")),
+                         happened(3, "uart", "close"), happened(4, "uart", "open"),
+                         said(5, "uart", "in", b"OK" + bytes.fromhex("d6f9")))
+        self.assertNotIn("DLCI", lines(made)[4])
+
     def test_a_frame_reaches_over_another_ports_change_of_mode(self) -> None:
         made = recording(happened(1, "uart", "mode", mode="mux"),
                          said(2, "uart", "out", bytes.fromhex("f909ef05")),
@@ -99,6 +106,22 @@ class Lines(unittest.TestCase):
     def test_colours(self) -> None:
         self.assertFalse([line for line in lines(recording(*SESSION)) if "\033" in line])
         self.assertTrue("\033[36m" in "".join(lines(recording(*SESSION), paint=Paint(True))))
+
+    def test_what_went_wrong_or_away_is_told_as_a_fault(self) -> None:
+        for event, is_fault in [
+            (happened(1, "bench", "platform-stop"), True),
+            (happened(1, "bench", "platform-start"), False),
+            (happened(1, "bench", "unplug", port="at"), True),
+            (happened(1, "bench", "plug", port="at"), False),
+            (happened(1, "bench", "daemon-ended", status=1), True),
+            (happened(1, "bench", "daemon-ended", status=0), False),  # as it was asked to
+            (happened(1, "platform", "hangup", conn=1), True),
+            (happened(1, "platform", "connect", conn=1, err="ENOENT"), True),
+            (happened(1, "cp-at", "open"), False),
+        ]:
+            with self.subTest(event=event):
+                shown = lines(recording(event), paint=Paint(True))
+                self.assertEqual("\033[31m" in shown[0], is_fault)
 
 
 class Words(unittest.TestCase):

@@ -9,7 +9,6 @@ from .packs import connection_ports, split_packs
 from .recording import CP_CHANNELS, HOST_PORTS, Event, Recording
 
 PORT_REPORT = "port report"
-COMMAND_PACK = "command"
 
 
 @dataclass(frozen=True)
@@ -39,13 +38,44 @@ def _frame_message(frame: Frame) -> Message:
     return Message(frame.information, label, "" if frame.fcs_fits else "FCS does not fit", frame)
 
 
+class MuxFrames:
+    """The frames on the UART, both ways, while it is a multiplexer."""
+
+    def __init__(self) -> None:
+        self._is_on = False
+        self._readers: dict[str, FrameReader] = {}
+
+    def follow(self, event: Event) -> dict[str, bytes]:
+        """Every event, in order. Gives up what was held, by direction, when the mode is told or the
+        port opened: the daemon forgets it, too."""
+        if event.at != "uart" or event.what not in ("mode", "open"):
+            return {}
+        if event.what == "mode":
+            self._is_on = event.text("mode") == "mux"
+        return self.rest()
+
+    def rest(self) -> dict[str, bytes]:
+        """What was held for frames that never became whole, by direction; it is forgotten."""
+        held = {way: reader.rest() for way, reader in sorted(self._readers.items())}
+        self._readers.clear()
+        return {way: data for way, data in held.items() if data}
+
+    def carries(self, event: Event) -> bool:
+        """Whether the bytes of this event are frames."""
+        return self._is_on and event.at == "uart" and bool(event.data)
+
+    def feed(self, event: Event) -> list[Frame]:
+        """The frames that its bytes complete, and the junk between."""
+        return self._readers.setdefault(event.dir, FrameReader()).feed(event.data)
+
+
 class Decoder:
     """Events go through it once, in the order of time: frames and modes reach over many."""
 
     def __init__(self, recording: Recording) -> None:
         self.connections = connection_ports(recording.events)
         self.modes = {port: "command" for port in HOST_PORTS}
-        self._readers: dict[str, FrameReader] = {}
+        self._frames = MuxFrames()
 
     def port_of(self, event: Event) -> str:
         """The host port whose road the event is on, "udp", "qmi", or "" for none."""
@@ -61,13 +91,11 @@ class Decoder:
         """What an event with bytes says; empty while it is but a part of a frame."""
         if event.what == "mode" and event.at in HOST_PORTS:
             self.modes[event.at] = event.text("mode")
-            if event.at == "uart":
-                self._readers.clear()
+        self._frames.follow(event)
         if not event.data:
             return []
         if event.at == "platform" and "unknown" not in event.fields:
             return _pack_messages(event.data)
-        if event.at == "uart" and self.modes["uart"] == "mux":
-            reader = self._readers.setdefault(event.dir, FrameReader())
-            return [_frame_message(frame) for frame in reader.feed(event.data)]
+        if self._frames.carries(event):
+            return [_frame_message(frame) for frame in self._frames.feed(event)]
         return [Message(event.data)]

@@ -16,7 +16,6 @@ class Frame:
     kind: str
     dlci: int
     command: bool  # the C/R bit
-    poll_final: bool
     information: bytes
     fcs_fits: bool
     raw: bytes
@@ -47,7 +46,7 @@ def check_sequence(data: bytes) -> int:
 
 
 def _junk(data: bytes) -> Frame:
-    return Frame("", 0, False, False, data, False, data)
+    return Frame("", 0, False, data, False, data)
 
 
 def _read_frame(raw: bytes, head: int) -> Frame:
@@ -57,9 +56,7 @@ def _read_frame(raw: bytes, head: int) -> Frame:
     # UIH: the check covers address to length (5.2.1.6); the others' information as well.
     covered = raw[1:head] if kind == "UIH" else raw[1:-2]
     fits = check_sequence(covered) == raw[-2]
-    return Frame(
-        kind, address >> 2, bool(address & 2), bool(control & _POLL_FINAL), information, fits, raw
-    )
+    return Frame(kind, address >> 2, bool(address & 2), information, fits, raw)
 
 
 class FrameReader:

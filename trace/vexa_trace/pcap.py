@@ -11,7 +11,7 @@ from dataclasses import dataclass
 from datetime import datetime, timezone
 from typing import Any, BinaryIO
 
-from .frames import FrameReader
+from .decode import MuxFrames
 from .recording import CP_CHANNELS, HOST_PORTS, Event, Recording
 from .whole_file import whole_file
 
@@ -120,8 +120,7 @@ class _Capture:
         self._file = file
         self._begin = begin
         self._lines: dict[str, int] = {}  # by place; as last read, set or changed
-        self._is_multiplexed = False
-        self._readers = {"in": FrameReader(), "out": FrameReader()}
+        self._mux = MuxFrames()
 
     def take(self, event: Event) -> None:
         if event.at == "bench":
@@ -130,15 +129,17 @@ class _Capture:
             return
         elif not event.dir:
             self._take_change(event)
-        elif event.dir in self._readers:  # what was typed passes again when the daemon reads it
+        elif event.dir in ("in", "out"):  # what was typed passes again when the daemon reads it
             self._take_bytes(event)
 
-    def give_up_frames(self, last: Event) -> None:
-        """Frames that were begun never become whole: the recording or the session has ended."""
-        for direction, reader in self._readers.items():
-            rest = reader.rest()
-            if rest:
-                self._stray(Event(last.t, "uart", direction), rest)
+    def end(self, last: Event) -> None:
+        """The recording ended with this event."""
+        self._give_up(last, self._mux.rest())
+
+    def _give_up(self, event: Event, held: dict[str, bytes]) -> None:
+        """Frames that were begun and never become whole."""
+        for direction, data in held.items():
+            self._stray(Event(event.t, "uart", direction), data)
 
     def _take_bench(self, event: Event) -> None:
         port = event.fields.get("port")
@@ -156,15 +157,12 @@ class _Capture:
             return  # one before every read of a channel
         if event.what in ("lines-read", "lines-set"):
             self._lines[event.at] = _line_bits(event.fields.get("lines", ""))
-        if event.what == "mode" and event.at == "uart":
-            self._is_multiplexed = event.fields.get("mode") == "mux"
-        if event.what in ("open", "mode") and event.at == "uart":
-            self.give_up_frames(event)
+        self._give_up(event, self._mux.follow(event))
         self._change(event, event.at, _describe(event))
 
     def _take_bytes(self, event: Event) -> None:
-        if event.at == "uart" and self._is_multiplexed and event.data:
-            for frame in self._readers[event.dir].feed(event.data):
+        if self._mux.carries(event):
+            for frame in self._mux.feed(event):
                 if frame.is_frame:
                     self._frame(event, frame.raw)
                 else:
@@ -232,5 +230,5 @@ def write_pcap(recording: Recording, path: str) -> Summary:
         for event in recording.events:
             capture.take(event)
         if recording.events:
-            capture.give_up_frames(recording.events[-1])
+            capture.end(recording.events[-1])
     return capture.summary

@@ -10,7 +10,9 @@ from collections.abc import Iterator
 from dataclasses import dataclass, field
 from typing import Any
 
-from . import frames, packs
+from . import packs, wording
+from .decode import MuxFrames
+from .frames import Frame
 from .recording import CP_CHANNELS, HOST_PORTS, Event, Recording
 
 # Lanes from left to right: name, title, group. Only those that have something to show are drawn.
@@ -46,11 +48,6 @@ LONGEST_LABEL = 400  # characters; the panel beside the picture shows all
 LONGEST_FIELD = 2000
 LARGEST_TIME = 2**52  # what the page's numbers hold exactly
 SHOWN_ELSEWHERE = {"n"}
-PLAIN = {**{chr(c): chr(c) for c in range(0x20, 0x7F)}, "\\": "\\\\"}
-ESCAPES = {"\r": "\\r", "\n": "\\n", "\t": "\\t"}
-BYTE_TEXT = [
-    {**PLAIN, **ESCAPES}.get(chr(value), f"\\x{value:02X}") for value in range(256)
-]
 
 
 @dataclass
@@ -85,8 +82,8 @@ class Picture:
 
 
 def escaped(data: bytes) -> str:
-    """Bytes as the text of a label, what does not print as an escape."""
-    return "".join(BYTE_TEXT[byte] for byte in data[: LONGEST_LABEL + 1])
+    """Bytes as the text of a label."""
+    return wording.escaped(data[: LONGEST_LABEL + 1], full=True)
 
 
 def short(text: str) -> str:
@@ -122,11 +119,7 @@ def failed_to_write(event: Event) -> bool:
 
 def is_fault(event: Event) -> bool:
     """Something that the reader of a picture looks for first."""
-    if event.what in ("unplug", "platform-stop", "hangup"):
-        return True
-    if event.what == "daemon-ended":
-        return event.fields.get("status") != 0
-    return bool(event.fields.get("err")) or failed_to_write(event)
+    return wording.is_fault(event) or failed_to_write(event)
 
 
 class Labels:
@@ -134,12 +127,11 @@ class Labels:
 
     def __init__(self, events: list[Event]) -> None:
         self._ports = packs.connection_ports(events)
-        self._in_mux = False
-        self._readers: dict[str, frames.FrameReader] = {}
+        self._mux = MuxFrames()
 
     def label(self, event: Event) -> str:
         """The label of the next event, in order; "" when its bytes speak for themselves."""
-        self._follow_mode(event)
+        self._mux.follow(event)
         if not event.dir:
             return short(self._words(event))
         text = self._bytes(event)
@@ -148,17 +140,12 @@ class Labels:
             return short(text)
         return short(f"{trouble}: {text or escaped(event.data)}".removesuffix(": "))
 
-    def _follow_mode(self, event: Event) -> None:
-        if event.at == "uart" and event.what == "mode":
-            self._in_mux = event.fields.get("mode") == "mux"
-            self._readers = {}
-
     def _bytes(self, event: Event) -> str:
         if not event.data:
             return self._no_bytes(event)
         if event.at == "platform":
             return self._packs(event)
-        if event.at == "uart" and self._in_mux:
+        if self._mux.carries(event):
             return self._frames(event)
         return ""
 
@@ -175,8 +162,7 @@ class Labels:
         return " ".join(_pack_text(pack, port) for pack in packs.split_packs(event.data))
 
     def _frames(self, event: Event) -> str:
-        reader = self._readers.setdefault(event.dir, frames.FrameReader())
-        found = [_frame_text(frame) for frame in reader.feed(event.data)]
+        found = [_frame_text(frame) for frame in self._mux.feed(event)]
         return "  ".join(found) or "… of a frame"
 
     def _trouble(self, event: Event) -> str:
@@ -210,7 +196,7 @@ def _pack_text(pack: packs.Pack, port: str) -> str:
     return f"{port} · {kind}{escaped(pack.payload)}"
 
 
-def _frame_text(frame: frames.Frame) -> str:
+def _frame_text(frame: Frame) -> str:
     if not frame.is_frame:
         return f"(no frame) {escaped(frame.information)}"
     check = "" if frame.fcs_fits else " bad FCS"

@@ -10,6 +10,10 @@ from .recording import Event
 SHORT = 64  # bytes of long data that are shown
 
 _ESCAPES = {0x0D: "\\r", 0x0A: "\\n", 0x09: "\\t", 0x5C: "\\\\"}
+_BYTES = [
+    _ESCAPES.get(byte) or (chr(byte) if 0x20 <= byte < 0x7F else f"\\x{byte:02X}")
+    for byte in range(256)
+]
 _COLOURS = {
     "host": "36", "cp": "32", "platform": "35", "peer": "34", "event": "33", "fault": "31",
     "dim": "2", "strong": "1",
@@ -19,10 +23,7 @@ _COLOURS = {
 def escaped(data: bytes, full: bool = False) -> str:
     """Text with escapes; long data as its beginning and its size."""
     shown = data if full else data[:SHORT]
-    text = "".join(
-        _ESCAPES.get(byte) or (chr(byte) if 0x20 <= byte < 0x7F else f"\\x{byte:02X}")
-        for byte in shown
-    )
+    text = "".join(_BYTES[byte] for byte in shown)
     return text if len(shown) == len(data) else f"{text}… ({len(data)} bytes)"
 
 
@@ -108,4 +109,6 @@ def event_words(event: Event) -> str:
 
 def is_fault(event: Event) -> bool:
     """Something went wrong, or away."""
-    return bool(event.fields.get("err")) or event.what in ("hangup", "unplug", "daemon-ended")
+    if event.what == "daemon-ended":
+        return event.fields.get("status") != 0
+    return bool(event.fields.get("err")) or event.what in ("hangup", "unplug", "platform-stop")
