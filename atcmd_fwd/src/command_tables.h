@@ -6,8 +6,9 @@
 #include <array>
 
 // clang-format off
-// Answered by the app platform. A new platform command is one row before the end marker.
-inline constexpr std::array<const char*, 110> hijack_atcmd_talbe = {
+// Answered by the app platform. A new platform command is one row before the end marker, and one
+// more in the count below.
+inline constexpr auto hijack_atcmd_talbe = std::to_array<const char*>({
     "vexa_first_at",
     "at+tpin",
     "at+cpinr",
@@ -118,10 +119,10 @@ inline constexpr std::array<const char*, 110> hijack_atcmd_talbe = {
     "AT+GTDIAGSOCKET",
     "AT+GTMODEL",
     "vexa_end_at",
-};
+});
 
 // Platform commands that CP must see too: both keep echo, verbosity and S-registers.
-inline constexpr std::array<const char*, 11> fwd_exc_atcmd_talbe = {
+inline constexpr auto fwd_exc_atcmd_talbe = std::to_array<const char*>({
     "exc_fwd_first_at",
     "ate",
     "atq",
@@ -133,31 +134,31 @@ inline constexpr std::array<const char*, 11> fwd_exc_atcmd_talbe = {
     "ats24",
     "at+cmee",
     "exc_fwd_first_end",
-};
+});
 
 // Commands that CP answers with a prompt for text (3GPP TS 27.005 3.5.1).
-inline constexpr std::array<const char*, 4> smsmode_atcmd_talbe = {
+inline constexpr auto smsmode_atcmd_talbe = std::to_array<const char*>({
     "smsmode_first_at",
     "AT+CMGS",
     "AT+CMGW",
     "smsmode_first_end",
-};
+});
 
 // No command starts hex mode in this build.
-inline constexpr std::array<const char*, 2> hexmode_atcmd_talbe = {
+inline constexpr auto hexmode_atcmd_talbe = std::to_array<const char*>({
     "hexmode_first_at",
     "hexmode_first_end",
-};
+});
 
 // Starts the multiplexer (3GPP TS 27.007 5.7).
-inline constexpr std::array<const char*, 3> cmuxmode_atcmd_talbe = {
+inline constexpr auto cmuxmode_atcmd_talbe = std::to_array<const char*>({
     "cmuxmode_first_at",
     "AT+CMUX",
     "cmuxmode_first_end",
-};
+});
 
 // Platform commands worth waiting for while the platform comes up. No markers.
-inline constexpr std::array<const char*, 69> ght_at_table = {
+inline constexpr auto ght_at_table = std::to_array<const char*>({
     "AT+GTDNS",
     "AT+GTRNDIS",
     "AT+GTWWAN",
@@ -227,10 +228,11 @@ inline constexpr std::array<const char*, 69> ght_at_table = {
     "AT+GTNAROPEN",
     "AT+GTEXITAPP",
     "AT+ESIM",
-};
+});
 
 // clang-format on
 
+// A row that was lost or doubled does not compile.
 static_assert(hijack_atcmd_talbe.size() == 110 && fwd_exc_atcmd_talbe.size() == 11);
 static_assert(smsmode_atcmd_talbe.size() == 4 && hexmode_atcmd_talbe.size() == 2);
 static_assert(cmuxmode_atcmd_talbe.size() == 3 && ght_at_table.size() == 69);
