@@ -39,9 +39,9 @@ struct DevicePoll {
     bool closed;    // the slot was closed by somebody else meanwhile: begin the next pass
 };
 
-// Waits without a time-out for events on the device in `*slot` or for its being closed by another
-// thread (close_fd_mutexed wakes it: Linux does not wake a poll whose descriptor was closed
-// elsewhere). Called by the device's one reader only, without any lock.
+// Waits for events on the device in `*slot` or for its being closed by another thread
+// (close_fd_mutexed wakes it: Linux does not wake a poll whose descriptor was closed elsewhere);
+// -1 ms waits for ever. Called by the device's one reader only, without any lock.
 DevicePoll poll_shared_device(const int* slot, pthread_mutex_t* mutex, short events,
                               int timeout_ms = -1);
 // Makes the poll of `slot`'s reader return. Called by close_fd_mutexed with the slot's mutex held.

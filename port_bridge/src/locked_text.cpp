@@ -7,6 +7,7 @@
 
 namespace {
 
+// Not a MutexGuard: nothing is called while this lock is held, the log included.
 class TextLock {
   public:
     explicit TextLock(pthread_mutex_t& mutex) : mutex_(mutex) { pthread_mutex_lock(&mutex_); }
