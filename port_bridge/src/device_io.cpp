@@ -107,18 +107,6 @@ void close_fd_mutexed(const char* file_path, const volatile int* fd, pthread_mut
     exit(1);
 }
 
-int vexa_os_mutex_lock(pthread_mutex_t* mutex) {
-    const int error = pthread_mutex_lock(mutex);
-    if (error == 0)
-        return 1;
-    VEXA_LOG("Error while trying to lock mutex: %d,%d,%d\r\n", error, 0, 0);
-    return 0;
-}
-
-int vexa_os_mutex_init(pthread_mutex_t* mutex) {
-    return pthread_mutex_init(mutex, nullptr);
-}
-
 void construct_signal_string(char* str, std::size_t size, int bits) {
     constexpr int kNamedBits = TIOCM_DTR | TIOCM_CD | TIOCM_RI | TIOCM_RTS;
     static_assert(kNamedBits == 0xC6);

@@ -15,10 +15,5 @@ int write_to_device(int to_fd, const char* to_filename, int bytes_to_write, cons
 // ends the process with status 1. The caller does not hold the mutex.
 void close_fd_mutexed(const char* file_path, const volatile int* fd, pthread_mutex_t* mutex);
 
-// 1 when locked, 0 (logged) on failure.
-int vexa_os_mutex_lock(pthread_mutex_t* mutex);
-// With default attributes: 0, or an error number.
-int vexa_os_mutex_init(pthread_mutex_t* mutex);
-
 // "0x1 | DTR | CD | RTS" for TIOCM bits, at most size - 1 characters.
 void construct_signal_string(char* str, std::size_t size, int bits);

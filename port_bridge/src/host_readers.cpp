@@ -44,7 +44,7 @@ struct HostMember {
     bool traces_odd_events;  // after each chunk, not only on the way out
 };
 
-const std::array<HostMember, kPortCount> kHostMembers = {{
+constexpr std::array<HostMember, kPortCount> kHostMembers = {{
     {kModemPort, InputSource::modem_port, "usb_to_modem_bridge", "usb_to_modem_bridge enter.",
      "client has been inited.", init_socket_client, &g_modem_tinfo_for_mux, false, false, true},
     {kAtPort, InputSource::at_port, "usb_atport_to_modem_bridge",
@@ -55,6 +55,7 @@ const std::array<HostMember, kPortCount> kHostMembers = {{
      "usb_atport_to_modem_bridge enter.", "client uartport has been inited.",
      init_socket_client_uartport, &g_uart_tinfo_for_mux, true, true, false},
 }};
+static_assert(is_by_port(kHostMembers, &HostMember::port));
 
 // How many readers use each port's condition variable and mutex: two on the AT port with PCIe.
 // They are statically initialised; the last reader that ends destroys them, and a later first one

@@ -10,10 +10,10 @@
 #include <cerrno>
 #include <string_view>
 
-#include "device_io.h"
 #include "diag.h"
 #include "log.h"
 #include "mhi_uevent.h"
+#include "mutex_guard.h"
 #include "shared_int.h"
 
 int g_vexa_pcie_enabled = VEXA_LINUX_TRISTATE_UNKNOWN;

@@ -18,3 +18,15 @@ MutexGuard::~MutexGuard() {
     if (error != 0)
         VEXA_LOG("mutex unlock failed [0x%p] %s\r\n", mutex_, strerror(error));
 }
+
+int vexa_os_mutex_lock(pthread_mutex_t* mutex) {
+    const int error = pthread_mutex_lock(mutex);
+    if (error == 0)
+        return 1;
+    VEXA_LOG("Error while trying to lock mutex: %d,%d,%d\r\n", error, 0, 0);
+    return 0;
+}
+
+int vexa_os_mutex_init(pthread_mutex_t* mutex) {
+    return pthread_mutex_init(mutex, nullptr);
+}

@@ -1,4 +1,4 @@
-// A lock for the length of a block. Any thread.
+// Mutexes: a lock for the length of a block, and the two calls by their own names. Any thread.
 #pragma once
 
 #include <pthread.h>
@@ -17,3 +17,8 @@ class MutexGuard {
     pthread_mutex_t* mutex_;
     bool locked_;
 };
+
+// 1 when locked, 0 (logged) on failure.
+int vexa_os_mutex_lock(pthread_mutex_t* mutex);
+// With default attributes: 0, or an error number.
+int vexa_os_mutex_init(pthread_mutex_t* mutex);

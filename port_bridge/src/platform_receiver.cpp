@@ -1,4 +1,5 @@
-// The thread that carries the platform's answers to the host ports.
+#include "platform_receiver.h"
+
 #include <poll.h>
 #include <sys/socket.h>
 #include <time.h>

@@ -34,7 +34,7 @@ pthread_mutex_t g_mutex_usb_uartport_devie = PTHREAD_MUTEX_INITIALIZER;
 constinit LockedText g_at_last_buf_cache[kPortCount];
 constinit LockedText g_at_echo_buf_cache[kPortCount];
 
-constinit const std::array<PortRecord, kPortCount> g_ports = {{
+constexpr std::array<PortRecord, kPortCount> g_ports = {{
     {kModemPort, "mport", "/dev/at_usb0", g_usb_modem_port_mode, g_is_mport_send_at_done,
      g_loc_client_socket, PORT_AT0, g_mut_mport, g_cond_mport, g_at_last_buf_cache[kModemPort],
      g_at_echo_buf_cache[kModemPort]},
@@ -45,6 +45,7 @@ constinit const std::array<PortRecord, kPortCount> g_ports = {{
      g_loc_client_socket_uartport, PORT_UART, g_mut_uartport, g_cond_uartport,
      g_at_last_buf_cache[kUartPort], g_at_echo_buf_cache[kUartPort]},
 }};
+static_assert(is_by_port(g_ports, &PortRecord::index));
 
 const PortRecord* find_port(const int* mode, int platform_socket) {
     const PortRecord* found = nullptr;

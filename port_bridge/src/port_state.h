@@ -4,6 +4,7 @@
 #include <pthread.h>
 
 #include <array>
+#include <cstddef>
 
 #include "locked_text.h"
 #include "thread_info.h"
@@ -77,6 +78,15 @@ struct PortRecord {
 };
 
 extern const std::array<PortRecord, kPortCount> g_ports;
+
+// Whether a table has a row for each port, at that port's index.
+template <typename Row>
+consteval bool is_by_port(const std::array<Row, kPortCount>& rows, PortIndex Row::*port) {
+    for (std::size_t index = 0; index < rows.size(); ++index)
+        if (rows[index].*port != static_cast<PortIndex>(index))
+            return false;
+    return true;
+}
 
 // The port of a mode variable and a platform socket: the mode pointer decides when it is one of
 // the three ports' own; else the socket, when it is open and one port's alone; else null.

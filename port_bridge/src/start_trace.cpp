@@ -1,5 +1,7 @@
 #include "start_trace.h"
 
+#include <pthread.h>
+
 #include <cstdarg>
 
 bool port_bridge_log_enabled = true;

@@ -1,9 +1,12 @@
 // The trace channel of the start-up code, beside the log facility.
 #pragma once
 
-#include <pthread.h>
+#include <cstdio>
 
-#include "vexa_port_bridge.h"
+// Silent as shipped: starting sets it to false.
+extern bool port_bridge_log_enabled;
+extern FILE* log_file;
+void pb_get_log_enabled();
 
 // Writes to log_file and flushes it, only while port_bridge_log_enabled. `format` is a literal.
 #define START_TRACE_ERROR(format, ...) START_TRACE("(ERROR):   ", format, __VA_ARGS__)

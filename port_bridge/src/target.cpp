@@ -1,4 +1,5 @@
-// Which devices make the main pair on this platform.
+#include "target.h"
+
 #include <sys/utsname.h>
 
 #include <array>
@@ -10,7 +11,6 @@
 #include "log.h"
 #include "modem_readers.h"
 #include "start_trace.h"
-#include "vexa_port_bridge.h"
 
 namespace {
 

@@ -8,9 +8,11 @@
 #include "log.h"
 #include "mhi_monitor.h"
 #include "modem_readers.h"
-#include "platform_link.h"
+#include "platform_receiver.h"
+#include "port_state.h"
 #include "shared_device.h"
 #include "start_trace.h"
+#include "target.h"
 #include "udp_server.h"
 
 // The AT port's directions, process-wide.
@@ -105,7 +107,7 @@ struct Bridge {
     thread_info_t usb_info{};
     thread_info_t mdm_uartport_info{};
     thread_info_t usb_uartport_info{};
-    std::array<thread_info_t, 3> answer_ends{};
+    std::array<thread_info_t, kPortCount> answer_ends{};
     thread_info_t udp_info{};
 
     BridgeThread mdm_thread{kMainModem};

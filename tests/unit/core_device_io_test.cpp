@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "descriptors.h"
+#include "mutex_guard.h"
 #include "recorded_sleeps.h"
 #include "shared_int.h"
 #include "system_calls.h"

@@ -6,7 +6,8 @@
 #include <set>
 
 #include "modem_readers.h"
-#include "vexa_port_bridge.h"
+#include "start_trace.h"
+#include "target.h"
 
 namespace {
 

@@ -1,5 +1,7 @@
 // How the platform receiver begins and how it takes a broken connection. It never returns, so each
 // test has one in a process of its own.
+#include "platform_receiver.h"
+
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -11,8 +13,8 @@
 #include <string_view>
 #include <thread>
 
-#include "platform_link.h"
 #include "platform_pack.h"
+#include "port_state.h"
 #include "shared_int.h"
 
 namespace {

@@ -17,8 +17,8 @@
 #include "platform_link.h"
 #include "shared_int.h"
 #include "system_calls.h"
+#include "target.h"
 #include "vexa_mbim_service_v01.h"
-#include "vexa_port_bridge.h"
 #include "vexa_socket_client.h"
 #include "vexa_socket_server.h"
 
