@@ -265,11 +265,8 @@ int handle_platform_data(const Input& input) {
     if (length == 1 && input.data.front() == kCtrlZ)
         VEXA_LOG("we got ctrl+z, exit data mode. %d.%d.%d.\n", length, 0, 0);
     const int mode = load_shared(*input.mode);
-    const int sent = input.port != nullptr
-                         ? send_data_to_app_platform(*input.port, input.data.data(), length, 0,
-                                                     answer, &answer_length, mode)
-                         : send_data_to_app_platform(input.socketfd, input.data.data(), length, 0,
-                                                     answer, &answer_length, mode);
+    const int sent = send_data_to_app_platform(input.port, input.socketfd, input.data.data(),
+                                               length, 0, answer, &answer_length, mode);
     if (sent <= 0)
         answer_usb_port(input.port, answer);
     return kDealtWith;

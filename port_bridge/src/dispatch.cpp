@@ -13,6 +13,7 @@
 #include "host_port_writers.h"
 #include "line_settings.h"
 #include "log.h"
+#include "monotonic_clock.h"
 #include "mutex_guard.h"
 #include "mux_session.h"
 #include "platform_link.h"
@@ -26,7 +27,8 @@ constexpr int kWriteFailed = -1;
 constexpr int kPlatformWaitSeconds = 5;
 constexpr int kCpWaitSeconds = 10;
 
-// The CP devices whose slow answers are counted, as their paths hold them.
+// The CP devices whose slow answers are counted, as their paths hold them. The second is not the AT
+// port's channel here, /dev/smd7, whose answers are thus not counted; nor are the UART port's.
 constexpr const char* kCountedDevices[] = {"/dev/at_mdm0", "/dev/at_smd7"};
 
 // One command on its way: the arguments of the entry points, all there.
@@ -45,12 +47,6 @@ struct Command {
 // and UDP sources would else be woken by each other's answers. Taken by nobody who waits for
 // another lock of this kind.
 constinit CommandTurn g_command_turns[kPortCount];
-
-int64_t monotonic_ns() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
-}
 
 bool is_mux_active() {
     return load_shared(g_uart_port_status) != 0;
@@ -153,11 +149,8 @@ void forward_to_cp_too(const Command& command) {
 
 int ask_platform(const Command& command, int mode, char* answer) {
     int answer_length = 0;
-    if (command.port != nullptr)
-        return send_data_to_app_platform(*command.port, command.text, command.length, 0, answer,
-                                         &answer_length, mode);
-    return send_data_to_app_platform(command.socketfd, command.text, command.length, 0, answer,
-                                     &answer_length, mode);
+    return send_data_to_app_platform(command.port, command.socketfd, command.text, command.length,
+                                     0, answer, &answer_length, mode);
 }
 
 int send_to_platform(const Command& command) {

@@ -75,7 +75,7 @@ struct GlinkMember {
     bool logs_host_close;
 };
 
-const std::array<GlinkMember, kPortCount> kGlinkMembers = {{
+constexpr std::array<GlinkMember, kPortCount> kGlinkMembers = {{
     {modem_to_usb_bridge_glink, kModemPort, InputSource::modem_port, "modem_to_usb_bridge_glink",
      "mdm_fd", "g_fd_usb_modem_device", " waiting", &g_fd_usb_modem_device, nullptr,
      &g_mutex_usb_devie, &g_mux_ppp_dlc, false, true, true, false},
@@ -88,6 +88,7 @@ const std::array<GlinkMember, kPortCount> kGlinkMembers = {{
      &g_fd_usb_uartport_device, nullptr, &g_mutex_usb_uartport_devie, &g_mux_atcmd_dlc, true, false,
      false, true},
 }};
+static_assert(is_by_port(kGlinkMembers, &GlinkMember::port));
 
 void publish(const GlinkMember& member, const thread_info_t& info) {
     *member.host_fd = info.to_fd;
@@ -258,7 +259,7 @@ void GlinkReader::copy_control_lines() {
     set_control_lines(destination_of(info_), signals_);
     if (info_.to_fd_pcie == nullptr || !is_pcie_live())
         return;
-    const DeviceEnd pipe = {info_.to_file_path_pcie, info_.to_fd_pcie, info_.to_mutex};
+    const DeviceEnd pipe = pipe_of(info_);
     if (load_device(pipe) >= 0)
         set_control_lines(pipe, signals_);
 }
@@ -291,7 +292,7 @@ bool GlinkReader::deliver(int length) {
         return deliver_multiplexed(length);
     if (info_.to_fd_pcie == nullptr || !is_pcie_live())
         return deliver_to(destination_of(info_), length);
-    const DeviceEnd pipe = {info_.to_file_path_pcie, info_.to_fd_pcie, info_.to_mutex};
+    const DeviceEnd pipe = pipe_of(info_);
     return load_device(pipe) < 0 || deliver_to(pipe, length);
 }
 

@@ -1,13 +1,12 @@
 #include "mux_input.h"
 
-#include <time.h>
-
 #include <cstring>
 #include <string_view>
 
 #include "dispatch.h"
 #include "frame_gatherer.h"
 #include "host_port_writers.h"
+#include "monotonic_clock.h"
 #include "mux_session.h"
 #include "port_state.h"
 #include "shared_int.h"
@@ -19,12 +18,6 @@ constexpr char kRefused[] = "\r\n!!!!!MUX data error!!!!!.\r\n";
 // Both are the UART host reader's thread's only.
 FrameGatherer g_gatherer;
 bool g_is_first_chunk = true;
-
-int64_t monotonic_ms() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
-}
 
 bool is_uart_command(std::string_view payload) {
     return payload.find("at") != std::string_view::npos ||

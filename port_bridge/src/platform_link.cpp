@@ -166,7 +166,9 @@ int send_data_to_app_platform(int socketfd, const char* buf, int buf_len, int fl
                             {buf, buf_len, flag, out_buf, out_len, cmd_type});
 }
 
-int send_data_to_app_platform(const PortRecord& port, const char* buf, int buf_len, int flag,
-                              char* out_buf, int* out_len, int cmd_type) {
-    return send_to_platform(&port, -1, {buf, buf_len, flag, out_buf, out_len, cmd_type});
+int send_data_to_app_platform(const PortRecord* port, int socketfd, const char* buf, int buf_len,
+                              int flag, char* out_buf, int* out_len, int cmd_type) {
+    if (port == nullptr)
+        return send_data_to_app_platform(socketfd, buf, buf_len, flag, out_buf, out_len, cmd_type);
+    return send_to_platform(port, -1, {buf, buf_len, flag, out_buf, out_len, cmd_type});
 }

@@ -1,4 +1,4 @@
-// The three connections to the app platform and the thread that receives its answers.
+// The three connections to the app platform.
 //
 // A connection's lock covers opening it together with its port report, each send, and closing, so
 // that no command overtakes the report and no sender uses a number that was closed and given to
@@ -21,9 +21,10 @@ int init_socket_client_uartport();
 int send_data_to_app_platform(int socketfd, const char* buf, int buf_len, int flag, char* out_buf,
                               int* out_len, int cmd_type);
 
-// The same for a known port: the echo text is kept for it and retries use its current connection.
-int send_data_to_app_platform(const PortRecord& port, const char* buf, int buf_len, int flag,
-                              char* out_buf, int* out_len, int cmd_type);
+// The same for a port, when it is known: the echo text is kept for it and retries use its current
+// connection. Null: on `socketfd`, as above.
+int send_data_to_app_platform(const PortRecord* port, int socketfd, const char* buf, int buf_len,
+                              int flag, char* out_buf, int* out_len, int cmd_type);
 
 inline constexpr int kSendToCp = -6;
 
@@ -32,6 +33,3 @@ void close_platform_connection(const PortRecord& port);
 int open_platform_connection(const PortRecord& port);
 // Readable when a connection was opened by another thread than the receiver.
 int platform_wake_descriptor();
-
-// Receiver thread; `arg` is an array of three thread_info_t: modem, AT, UART port. Never returns.
-void* recv_data_handler(void* arg);

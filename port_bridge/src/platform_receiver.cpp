@@ -16,6 +16,7 @@
 #include "line_settings.h"
 #include "log.h"
 #include "mhi_monitor.h"
+#include "monotonic_clock.h"
 #include "mutex_guard.h"
 #include "mux_output.h"
 #include "mux_session.h"
@@ -36,12 +37,6 @@ static_assert(kPollEvents == 27);
 // How a port is named in the lines about its connection.
 constexpr std::array<const char*, kPortCount> kConnectionNames = {"modem port", "at port",
                                                                   "uart port"};
-
-int64_t now_ms() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1'000'000;
-}
 
 // One per port; only the receiver thread touches it.
 struct Connection {
@@ -64,7 +59,7 @@ void wait_until_connected() {
 
 void close_and_retry_later(Connection& connection) {
     close_platform_connection(*connection.port);
-    connection.retry_at_ms = now_ms() + kRetryPauseMs;
+    connection.retry_at_ms = monotonic_ms() + kRetryPauseMs;
 }
 
 void hang_up(Connection& connection) {
@@ -74,7 +69,7 @@ void hang_up(Connection& connection) {
 
 // One attempt, so that the other connections are served between two of them.
 void remake_if_due(Connection& connection) {
-    if (connection.retry_at_ms < 0 || now_ms() < connection.retry_at_ms)
+    if (connection.retry_at_ms < 0 || monotonic_ms() < connection.retry_at_ms)
         return;
     const char* name = kConnectionNames[connection.port->index];
     if (open_platform_connection(*connection.port) == 0) {
@@ -94,7 +89,7 @@ int poll_time_out(std::span<const Connection> connections) {
     for (const Connection& connection : connections) {
         if (connection.retry_at_ms < 0)
             continue;
-        const int64_t left = std::max<int64_t>(connection.retry_at_ms - now_ms(), 0);
+        const int64_t left = std::max<int64_t>(connection.retry_at_ms - monotonic_ms(), 0);
         wait = wait < 0 ? left : std::min(wait, left);
     }
     return static_cast<int>(wait);

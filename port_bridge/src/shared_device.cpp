@@ -20,6 +20,10 @@ DeviceEnd destination_of(const thread_info_t& info) {
     return {info.to_file_path, info.to_fd, info.to_mutex};
 }
 
+DeviceEnd pipe_of(const thread_info_t& info) {
+    return {info.to_file_path_pcie, info.to_fd_pcie, info.to_mutex};
+}
+
 int open_device(const char* path) {
     // Never the controlling terminal: a host that hangs up would end the daemon with SIGHUP.
     return open(path, O_RDWR | O_NOCTTY | O_CLOEXEC);

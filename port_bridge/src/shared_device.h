@@ -16,6 +16,8 @@ struct DeviceEnd {
 
 [[nodiscard]] DeviceEnd source_of(const thread_info_t& info);
 [[nodiscard]] DeviceEnd destination_of(const thread_info_t& info);
+// The second destination on PCIe; only of a record that has one.
+[[nodiscard]] DeviceEnd pipe_of(const thread_info_t& info);
 
 // Opens the device read-write; the descriptor or -1 with errno. The caller stores it.
 int open_device(const char* path);

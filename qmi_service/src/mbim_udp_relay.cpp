@@ -118,7 +118,7 @@ int recv_at_with_udp_socket(char* resp_buf, std::size_t resp_size, int type) {
         printf("====receive(%s).%d.%d.%d\r\n", datagram.text(), length, 0, 0);
         if (type == VEXA_MBIM_AT_IND)
             return 0;
-        if (!is_final_result(datagram.text()))
+        if (!ends_answer(datagram.text()))
             continue;
         printf("!!!!!<<<<<<<<<<<<<<<<<<<< at is end <<<<<<<<<<<<<<<<<<<!!!!!%d,%d,%d.\r\n", 0, 0,
                0);
@@ -126,7 +126,7 @@ int recv_at_with_udp_socket(char* resp_buf, std::size_t resp_size, int type) {
     }
 }
 
-bool is_final_result(std::string_view text) {
+bool ends_answer(std::string_view text) {
     constexpr std::array<std::string_view, 7> kEnds = {
         "ok\r\n", "OK\r\n", "error\r\n", "ERROR\r\n", "no carrier", "NO CARRIER", ">",
     };

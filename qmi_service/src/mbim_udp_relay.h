@@ -28,4 +28,4 @@ int recv_at_with_udp_socket(char* resp_buf, std::size_t resp_size, int type);
 
 // Whether a datagram's text ends an answer: a final result code (ITU-T V.250 5.7.1) or the prompt
 // of a text entry.
-bool is_final_result(std::string_view text);
+bool ends_answer(std::string_view text);

@@ -43,7 +43,7 @@ TEST(FinalResult, IsSeenInOneDatagram) {
         {"+CGMR: 1\r\n", false},
         {"", false},
     };
-    for (const FinalRow& row : rows) EXPECT_EQ(is_final_result(row.text), row.is_final) << row.text;
+    for (const FinalRow& row : rows) EXPECT_EQ(ends_answer(row.text), row.is_final) << row.text;
 }
 
 static_assert(VEXA_MBIM_AT_REQ == 0 && VEXA_MBIM_AT_RSP == 1 && VEXA_MBIM_AT_IND == 2);

@@ -22,6 +22,7 @@
 #include "mhi_monitor.h"
 #include "mux_session.h"
 #include "platform_pack.h"
+#include "platform_receiver.h"
 #include "shared_int.h"
 #include "system_calls.h"
 #include "vexa_socket_client.h"
@@ -66,7 +67,7 @@ std::array<int, 2> make_pair() {
 int send_command(const PortRecord& port, std::string_view command, int mode = USB_PORT_ATCMD_MODE) {
     char answer[kAnswerAreaSize] = {};
     int answer_length = 0;
-    return send_data_to_app_platform(port, command.data(), static_cast<int>(command.size()), 0,
+    return send_data_to_app_platform(&port, -1, command.data(), static_cast<int>(command.size()), 0,
                                      answer, &answer_length, mode);
 }
 
@@ -135,12 +136,12 @@ TEST(SendDataToAppPlatform, BadArgumentsAreRefused) {
     char answer[8];
     int length = 0;
     testing::internal::CaptureStdout();
-    EXPECT_EQ(send_data_to_app_platform(port, "AT", 0, 0, answer, &length, 0), -1);
+    EXPECT_EQ(send_data_to_app_platform(&port, -1, "AT", 0, 0, answer, &length, 0), -1);
     EXPECT_THAT(testing::internal::GetCapturedStdout(),
                 HasSubstr("send_data_to_plat_modem input error.\r\n"));
-    EXPECT_EQ(send_data_to_app_platform(port, nullptr, 2, 0, answer, &length, 0), -1);
-    EXPECT_EQ(send_data_to_app_platform(port, "AT", 2, 0, nullptr, &length, 0), -1);
-    EXPECT_EQ(send_data_to_app_platform(port, "AT", 2, 0, answer, nullptr, 0), -1);
+    EXPECT_EQ(send_data_to_app_platform(&port, -1, nullptr, 2, 0, answer, &length, 0), -1);
+    EXPECT_EQ(send_data_to_app_platform(&port, -1, "AT", 2, 0, nullptr, &length, 0), -1);
+    EXPECT_EQ(send_data_to_app_platform(&port, -1, "AT", 2, 0, answer, nullptr, 0), -1);
 }
 
 TEST(SendDataToAppPlatform, ACommandNotWorthWaitingForIsCps) {
