@@ -115,5 +115,30 @@ class Roads(unittest.TestCase):
         self.assertGreater(named, 20)
 
 
+class Packages(unittest.TestCase):
+    def setUp(self) -> None:
+        self.bootstrap = (ROOT / "script/bootstrap").read_text()
+
+    def test_the_page_lists_what_bootstrap_installs(self) -> None:
+        installed = set()
+        for words in re.findall(r"^\w+_packages=\((.*?)\)", self.bootstrap, re.M | re.S):
+            installed |= {word for word in words.split() if "$" not in word}
+        listed = set()
+        for row in (ROOT / "docs/dependencies.md").read_text().splitlines():
+            if row.startswith("| `") and "comes with" not in row and "is skipped" not in row:
+                listed |= set(re.findall(r"`([^`]+)`", row.split("|")[1]))
+        self.assertGreater(len(listed), 20)
+        self.assertEqual(installed, listed)
+
+    def test_every_level_is_asked_for_by_a_script(self) -> None:
+        levels = re.findall(r"^    ([a-z-]+)\) wanted=", self.bootstrap, re.M)
+        scripts = "".join(path.read_text() for path in (ROOT / "script").iterdir()
+                          if path.is_file())
+        for level in levels:
+            with self.subTest(level=level):
+                self.assertIn(f'script/bootstrap" {level}\n', scripts.replace(" ;;", ""))
+        self.assertGreater(len(levels), 10)
+
+
 if __name__ == "__main__":
     unittest.main()
