@@ -29,8 +29,9 @@ def panel(figure: Figure, names: Sequence[str], summed: Mapping[str, Values]) ->
         parts.append(f'<text x="{NAME_WIDTH - 6}" y="{top + 12}" text-anchor="end">'
                      f"{escape(name)}</text>")
         width = max(1.0, (PANEL_WIDTH - NAME_WIDTH - 80) * values[name] / longest)
+        colour = COLOURS[names.index(name) % len(COLOURS)]
         parts.append(f'<rect x="{NAME_WIDTH}" y="{top + 1}" width="{width:.1f}" '
-                     f'height="{BAR_HEIGHT - 3}" fill="{COLOURS[names.index(name) % len(COLOURS)]}"/>')
+                     f'height="{BAR_HEIGHT - 3}" fill="{colour}"/>')
         parts.append(f'<text x="{NAME_WIDTH + width + 4:.1f}" y="{top + 12}">'
                      f"{values[name]:,.{figure.digits}f}</text>")
     return parts
