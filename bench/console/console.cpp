@@ -317,7 +317,7 @@ void Console::heard(std::string_view bytes) {
         }
         print(item.text);
         if (item.kind == AnswerReader::Kind::final_result) {
-            got_final(item.text);
+            got_final();
         } else if (results_left_ > 0 && item.text.starts_with(kNoPlatform)) {
             command_done(false);
         }
@@ -336,7 +336,7 @@ void Console::got_prompt() {
     }
 }
 
-void Console::got_final(const std::string&) {
+void Console::got_final() {
     ++results_;
     if (interactive_ && input_ != nullptr) {
         input_->set_prompt(std::string(reader_.in_data() ? kDataPrompt : kPrompt));

@@ -53,7 +53,7 @@ class Console {
     void keep_status();
     void heard(std::string_view bytes);
     void got_prompt();
-    void got_final(const std::string& text);
+    void got_final();
     void command_done(bool answered);
     void print(const std::string& text);
     void end();

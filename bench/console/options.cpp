@@ -6,6 +6,7 @@
 
 #include "command_line.h"
 #include "module_space.h"
+#include "road.h"
 
 namespace bench {
 namespace {
@@ -55,7 +56,7 @@ std::optional<BenchOptions> parse_options(int argc, char** argv, int& status) {
         "every answer is the recorded one.",
         program_name());
     app.add_option("--port", options.port, "The console's port")
-        ->check(CLI::IsMember({"modem", "at", "uart", "mux", "udp", "qmi", "pcie"}))
+        ->check(CLI::IsMember(road_ports()))
         ->capture_default_str();
     auto* const scenario =
         app.add_option("--scenario", options.scenario, "What the modem answers (docs/scenarios.md)")

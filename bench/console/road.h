@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace bench {
 
@@ -57,6 +58,8 @@ class Road {
     std::string error_;
 };
 
+// What --port may be.
+std::vector<std::string> road_ports();
 // Null when no road has this name.
 std::unique_ptr<Road> make_road(const std::string& port, BenchModule& module);
 

@@ -79,29 +79,46 @@ class UdpRoad : public Road {
     UniqueFd socket_;
 };
 
+template <int port>
+std::unique_ptr<Road> make_port_road(BenchModule& module) {
+    return std::make_unique<PortRoad>(module, port, std::string("the ") + kPorts[port].name);
+}
+
+template <typename Kind>
+std::unique_ptr<Road> make(BenchModule& module) {
+    return std::make_unique<Kind>(module);
+}
+
+struct RoadRow {
+    const char* port;  // as --port names it
+    std::unique_ptr<Road> (*make)(BenchModule& module);
+};
+
+constexpr std::array<RoadRow, 7> kRoads{{
+    {"modem", make_port_road<kModemHostPort>},
+    {"at", make_port_road<kAtHostPort>},
+    {"uart", make_port_road<kUartHostPort>},
+    {"mux", make<MuxRoad>},
+    {"udp", make<UdpRoad>},
+    {"qmi", make<QmiRoad>},
+    {"pcie", make_port_road<kPciePipe>},
+}};
+
 }  // namespace
 
+std::vector<std::string> road_ports() {
+    std::vector<std::string> ports;
+    for (const RoadRow& row : kRoads) {
+        ports.emplace_back(row.port);
+    }
+    return ports;
+}
+
 std::unique_ptr<Road> make_road(const std::string& port, BenchModule& module) {
-    if (port == "modem") {
-        return std::make_unique<PortRoad>(module, kModemHostPort, "the modem port");
-    }
-    if (port == "at") {
-        return std::make_unique<PortRoad>(module, kAtHostPort, "the AT port");
-    }
-    if (port == "uart") {
-        return std::make_unique<PortRoad>(module, kUartHostPort, "the UART port");
-    }
-    if (port == "pcie") {
-        return std::make_unique<PortRoad>(module, kPciePipe, "the PCIe pipe");
-    }
-    if (port == "udp") {
-        return std::make_unique<UdpRoad>(module);
-    }
-    if (port == "qmi") {
-        return std::make_unique<QmiRoad>(module);
-    }
-    if (port == "mux") {
-        return std::make_unique<MuxRoad>(module);
+    for (const RoadRow& row : kRoads) {
+        if (port == row.port) {
+            return row.make(module);
+        }
     }
     return nullptr;
 }
