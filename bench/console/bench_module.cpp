@@ -10,6 +10,8 @@
 #include <filesystem>
 #include <fstream>
 
+#include "platform_peer.h"
+
 namespace bench {
 namespace {
 
@@ -71,6 +73,13 @@ bool BenchModule::start() {
     auto parsed = load_scenario(options_.scenario, modem_verbs());
     if (!parsed.error.empty()) {
         return fail(parsed.error);
+    }
+    // It is played by a program of its own, whose words nobody would see.
+    if (options_.platform) {
+        const auto platform = load_scenario(options_.platform_scenario, platform_verbs());
+        if (!platform.error.empty()) {
+            return fail(platform.error);
+        }
     }
     if (!options_.record.empty() && !record_.create(options_)) {
         return fail(system_error(options_.record));

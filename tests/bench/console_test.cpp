@@ -26,7 +26,7 @@ constexpr auto kDeadline = 60s;
 
 struct Outcome {
     int status = -1;
-    std::string output;  // standard output only
+    std::string output;  // standard output, and error where a test asks for it
 };
 
 std::string bench_program() {
@@ -34,9 +34,10 @@ std::string bench_program() {
 }
 
 // `input` is given to printf: no single quote, no lone percent sign.
-Outcome run(const std::string& input, const std::string& options = "") {
+Outcome run(const std::string& input, const std::string& options = "",
+            const std::string& errors = "2>/dev/null") {
     const std::string command =
-        "printf '" + input + "' | " + bench_program() + " " + options + " 2>/dev/null";
+        "printf '" + input + "' | " + bench_program() + " " + options + " " + errors;
     std::FILE* const pipe = popen(command.c_str(), "re");
     Outcome outcome;
     std::array<char, 4096> area;
@@ -122,7 +123,12 @@ TEST(Console, WrongUsageIsTold) {
 
 TEST(Console, MistakeInAScenarioIsTold) {
     const ScenarioFile wrong("on A\n  anser OK\n");
-    EXPECT_EQ(run("AT\\n", "--scenario " + wrong.path()).status, 1);
+    for (const char* option : {"--scenario ", "--platform-scenario "}) {
+        const Outcome outcome = run("AT\\n", option + wrong.path(), "2>&1");
+        EXPECT_EQ(outcome.status, 1) << option;
+        EXPECT_NE(outcome.output.find(wrong.path() + ": line 2: "), std::string::npos)
+            << option << outcome.output;
+    }
 }
 
 struct OwnCommand {
