@@ -110,7 +110,7 @@ TEST_F(LogTest, DiagnosticMessageStartsWithTheFunctionName) {
     const std::size_t before = diag_text().size();
     logged_with(1);
     EXPECT_THAT(diag_text().substr(before),
-                MatchesRegex("core_log_test.cpp:[0-9]+ logged_with\\(\\): main enter. "
+                MatchesRegex("log_test.cpp:[0-9]+ logged_with\\(\\): main enter. "
                              "201909191715.0.0.\n"));
 }
 
@@ -123,7 +123,7 @@ TEST_F(LogTest, DiagnosticMessageNamesItsPlaceSubsystemAndLevel) {
     EXPECT_EQ(site->subsystem, 65);
     EXPECT_EQ(site->level_mask, 2u);
     EXPECT_STREQ(site->format, "%s(): probe %d");
-    EXPECT_THAT(std::string(site->file), EndsWith("core_log_test.cpp"));
+    EXPECT_THAT(std::string(site->file), EndsWith("log_test.cpp"));
 }
 
 TEST_F(LogTest, StandardOutputKeepsItsOwnBuffering) {
