@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <functional>
@@ -135,6 +136,114 @@ TEST(PlatformDown, ACommandWorthWaitingForIsAnsweredWithThePlatformDownText) {
     EXPECT_EQ(module.log_count("Couldn't wait plat init."), 2);
 }
 
+std::string answer_of(const char* whose, const std::string& port) {
+    return std::string("\r\n") + whose + " " + port + "\r\nOK\r\n";
+}
+
+// One port that asks again as soon as it was answered.
+class AskingPort {
+  public:
+    AskingPort(Module& module, int index) : module_(module), index_(index) {}
+
+    // The modem answers what came to it, and the port takes a whole answer.
+    void serve() {
+        ModemChannel& channel = module_.channel(index_);
+        if (!channel.received().empty()) {
+            channel.expect("AT+CSQ\r");
+            channel.send(answer_of("modem", name()));
+        }
+        if (is_asked_ && host().received().ends_with("\r\nOK\r\n")) {
+            count(host().received());
+            host().forget_received();
+            is_asked_ = false;
+        }
+    }
+    void ask() {
+        if (!is_asked_) {
+            is_asked_ = true;
+            host().write("AT+CSQ\r");
+        }
+    }
+
+    [[nodiscard]] const std::string& name() const {
+        return kPorts[static_cast<std::size_t>(index_)];
+    }
+    [[nodiscard]] HostPort& host() const { return module_.host_port(index_); }
+    [[nodiscard]] bool is_asked() const { return is_asked_; }
+    [[nodiscard]] int by_platform() const { return by_platform_; }
+    [[nodiscard]] int by_modem() const { return by_modem_; }
+
+  private:
+    void count(const std::string& answer) {
+        const bool is_platforms = answer.ends_with(answer_of("platform", name()));
+        const bool is_modems = answer.ends_with(answer_of("modem", name()));
+        EXPECT_TRUE(is_platforms || is_modems) << name() << " was given " << answer;
+        EXPECT_EQ(answer.find("OK"), answer.rfind("OK")) << "one answer to one command: " << answer;
+        by_platform_ += is_platforms ? 1 : 0;
+        by_modem_ += is_modems ? 1 : 0;
+    }
+
+    Module& module_;
+    int index_;
+    bool is_asked_ = false;
+    int by_platform_ = 0;
+    int by_modem_ = 0;
+};
+
+class AskingPorts {
+  public:
+    explicit AskingPorts(Module& module)
+        : module_(module), ports_{{module, 0}, {module, 1}, {module, 2}} {}
+
+    void run_until(const std::function<bool()>& done, const char* what) {
+        module_.wait_until(
+            [&] {
+                for (AskingPort& port : ports_) {
+                    port.serve();
+                    port.ask();
+                }
+                return done();
+            },
+            what);
+    }
+    void run_until_the_platform_answers_on_each() {
+        const std::vector<AskingPort> before = ports_;
+        run_until(
+            [&] {
+                return std::equal(ports_.begin(), ports_.end(), before.begin(),
+                                  [](const AskingPort& now, const AskingPort& old) {
+                                      return now.by_platform() > old.by_platform();
+                                  });
+            },
+            "the platform to answer on each port");
+    }
+    // Without another command.
+    void wait_for_the_last_answers() {
+        module_.wait_until(
+            [&] {
+                for (AskingPort& port : ports_) {
+                    port.serve();
+                }
+                return std::none_of(ports_.begin(), ports_.end(),
+                                    [](const AskingPort& port) { return port.is_asked(); });
+            },
+            "the last answers");
+    }
+
+    [[nodiscard]] int answers() const {
+        int sum = 0;
+        for (const AskingPort& port : ports_) {
+            sum += port.by_platform() + port.by_modem();
+        }
+        return sum;
+    }
+    [[nodiscard]] const std::vector<AskingPort>& ports() const { return ports_; }
+
+  private:
+    Module& module_;
+    std::vector<AskingPort> ports_;
+};
+
 // Every command gets an answer of one kind or another, the platform's or the modem's, and each on
 // its own port. The platform goes as a well-behaved process does: what it took it answers.
 TEST(PlatformRestarts, FiftyTimesDuringTrafficOnThreePorts) {
@@ -142,98 +251,30 @@ TEST(PlatformRestarts, FiftyTimesDuringTrafficOnThreePorts) {
     auto& [module, platform] = both;
     const int descriptors = module.count_descriptors();
     platform.answer = [](const bench::PlatformRequest& request) {
-        return bench::encode_pack(bench::PackKind::command,
-                                  "\r\nplatform " + request.port + "\r\nOK\r\n");
+        return bench::encode_pack(bench::PackKind::command, answer_of("platform", request.port));
     };
-    std::array<int, 3> by_platform{};
-    std::array<int, 3> by_modem{};
-    std::array<bool, 3> asked{};
-    const auto ask = [&, &daemon = module](int index) {
-        asked[static_cast<std::size_t>(index)] = true;
-        daemon.host_port(index).write("AT+CSQ\r");
-    };
-    // The modem answers what came to it, and a port that was answered asks again.
-    const auto serve = [&, &daemon = module](int index) {
-        ModemChannel& channel = daemon.channel(index);
-        HostPort& host = daemon.host_port(index);
-        const auto at = static_cast<std::size_t>(index);
-        if (!channel.received().empty()) {
-            channel.expect("AT+CSQ\r");
-            channel.send("\r\nmodem " + kPorts[at] + "\r\nOK\r\n");
-        }
-        if (!asked[at] || !host.received().ends_with("\r\nOK\r\n")) {
-            return;
-        }
-        const std::string answer = host.received();
-        host.forget_received();
-        asked[at] = false;
-        const bool is_platforms = answer.ends_with("\r\nplatform " + kPorts[at] + "\r\nOK\r\n");
-        const bool is_modems = answer.ends_with("\r\nmodem " + kPorts[at] + "\r\nOK\r\n");
-        EXPECT_TRUE(is_platforms || is_modems) << kPorts[at] << " was given " << answer;
-        by_platform[at] += is_platforms ? 1 : 0;
-        by_modem[at] += is_modems ? 1 : 0;
-        EXPECT_EQ(answer.find("OK"), answer.rfind("OK")) << "one answer to one command: " << answer;
-    };
-    const auto answers = [&] {
-        int sum = 0;
-        for (std::size_t at = 0; at < 3; ++at) {
-            sum += by_platform[at] + by_modem[at];
-        }
-        return sum;
-    };
-    const auto run_until = [&, &daemon = module](const std::function<bool()>& done,
-                                                 const char* what) {
-        daemon.wait_until(
-            [&] {
-                for (int index = 0; index < 3; ++index) {
-                    serve(index);
-                    if (!asked[static_cast<std::size_t>(index)]) {
-                        ask(index);
-                    }
-                }
-                return done();
-            },
-            what);
-    };
-    int commands = 0;
+    AskingPorts traffic(module);
     for (int restart = 0; restart < 50; ++restart) {
-        const int before = answers();
-        run_until([&] { return answers() >= before + 3; }, "three more answers");
+        const int before = traffic.answers();
+        traffic.run_until([&] { return traffic.answers() >= before + 3; }, "three more answers");
         // Every tenth time it stays until its connections are back and used.
         if (restart % 10 == 9) {
-            const std::array<int, 3> old = by_platform;
-            run_until(
-                [&] {
-                    return by_platform[0] > old[0] && by_platform[1] > old[1] &&
-                           by_platform[2] > old[2];
-                },
-                "the platform to answer on each port");
+            traffic.run_until_the_platform_answers_on_each();
         }
         platform.end();
         platform.listen();
-        commands = answers();
     }
-    // The last commands, and then one on each port that only the platform can answer so.
-    module.wait_until(
-        [&] {
-            for (int index = 0; index < 3; ++index) {
-                serve(index);
-            }
-            return !asked[0] && !asked[1] && !asked[2];
-        },
-        "the last answers");
+    EXPECT_GE(traffic.answers(), 150);
+    traffic.wait_for_the_last_answers();
     platform.wait_until_connected();
-    for (int index = 0; index < 3; ++index) {
-        module.host_port(index).write("AT+CGMR\r");
-        module.host_port(index).expect_up_to("platform " + kPorts[static_cast<std::size_t>(index)] +
-                                             "\r\nOK\r\n");
+    // One more on each port, which only the platform can answer so.
+    for (const AskingPort& port : traffic.ports()) {
+        port.host().write("AT+CGMR\r");
+        port.host().expect_up_to("platform " + port.name() + "\r\nOK\r\n");
+        EXPECT_GT(port.by_platform(), 0) << port.name();
+        EXPECT_GT(port.by_modem(), 0) << port.name();
     }
-    EXPECT_GE(commands, 150);
     EXPECT_EQ(module.count_descriptors(), descriptors);
-    for (std::size_t at = 0; at < 3; ++at) {
-        EXPECT_GT(by_platform[at], 0) << kPorts[at];
-        EXPECT_GT(by_modem[at], 0) << kPorts[at];
-    }
 }
 
 TEST(PlatformRestarts, DescriptorsDoNotGrow) {

@@ -24,7 +24,7 @@ void expect_road(Module& module, HostPort& host, ModemChannel& channel) {
     EXPECT_TRUE(module.daemon_runs());
 }
 
-TEST(CoreUart, IsRawAt115200Baud) {
+TEST(UartPort, IsRawAt115200Baud) {
     Module module;
     EXPECT_EQ(module.device(kUart).settings(), 1);
     EXPECT_EQ(module.device(kUart).speed(), static_cast<unsigned>(B115200));
@@ -32,7 +32,7 @@ TEST(CoreUart, IsRawAt115200Baud) {
     module.wait_for_log("tcsetattr for /dev/ttyMSM1 success.\r\n");
 }
 
-TEST(CoreUart, SixtyFirstFailedOpenEndsItsReaderAlone) {
+TEST(UartPort, SixtyFirstFailedOpenEndsItsReaderAlone) {
     Module module(laid_first());
     module.device(kUart).fail_opens(EBUSY, kForEver);
     module.start();
@@ -43,7 +43,7 @@ TEST(CoreUart, SixtyFirstFailedOpenEndsItsReaderAlone) {
     expect_road(module, module.at_port(), module.at_channel());
 }
 
-TEST(CoreUart, SixtyFailedOpensAreSurvived) {
+TEST(UartPort, SixtyFailedOpensAreSurvived) {
     Module module(laid_first());
     module.device(kUart).fail_opens(EBUSY, 60);
     module.start();
@@ -52,7 +52,7 @@ TEST(CoreUart, SixtyFailedOpensAreSurvived) {
     EXPECT_EQ(module.log_count("Device file already open!"), 60);
 }
 
-TEST(CoreUart, FailuresAreCountedAcrossASuccessfulOpen) {
+TEST(UartPort, FailuresAreCountedAcrossASuccessfulOpen) {
     Module module(laid_first());
     module.device(kUart).fail_opens(EBUSY, 60);
     module.start();
@@ -64,7 +64,7 @@ TEST(CoreUart, FailuresAreCountedAcrossASuccessfulOpen) {
     EXPECT_EQ(module.log_count("Couldn't open device file"), 1);
 }
 
-TEST(CoreUart, DriverThatIsNotReadyIsTriedAgainAfterAPause) {
+TEST(UartPort, DriverThatIsNotReadyIsTriedAgainAfterAPause) {
     for (const int error : {ENOENT, ENODEV}) {
         Module module(laid_first());
         module.device(kUart).fail_opens(error, 1);
@@ -75,7 +75,7 @@ TEST(CoreUart, DriverThatIsNotReadyIsTriedAgainAfterAPause) {
     }
 }
 
-TEST(CoreUart, FailedFcntlEndsItsReaderAtOnce) {
+TEST(UartPort, FailedFcntlEndsItsReaderAtOnce) {
     Module module(laid_first());
     module.device(kUart).fail_fcntl(EINVAL, 1);
     module.start();
@@ -88,7 +88,7 @@ TEST(CoreUart, FailedFcntlEndsItsReaderAtOnce) {
     EXPECT_EQ(module.log_count("return NULL."), 0);
 }
 
-TEST(CoreUart, FailedSettingsAreReportedAndThePortServed) {
+TEST(UartPort, FailedSettingsAreReportedAndThePortServed) {
     Module module(laid_first());
     module.device(kUart).fail_tcsetattr(EIO, 1);
     module.start();

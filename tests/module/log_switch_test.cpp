@@ -23,7 +23,7 @@ long count_lines(const std::string& text) {
     return std::count(text.begin(), text.end(), '\n');
 }
 
-TEST(CoreLogSwitch, MessagesOfEveryThreadGoToTheChannelAndPlainLinesStay) {
+TEST(LogSwitch, MessagesOfEveryThreadGoToTheChannelAndPlainLinesStay) {
     ModuleOptions options;
     options.environment["VEXA_DIAG_LOG"] = kDiagLog;
     Module module(options);
@@ -57,7 +57,7 @@ void converse(ModuleWithPlatform& both, int index) {
 }
 
 // The channel carries three arguments a message: whatever a thread has to say there must fit.
-TEST(CoreLogSwitch, EveryRoadIsServedWhileMessagesGoToTheChannel) {
+TEST(LogSwitch, EveryRoadIsServedWhileMessagesGoToTheChannel) {
     ModuleOptions options = pcie_options();
     options.environment["VEXA_DIAG_LOG"] = kDiagLog;
     ModuleWithPlatform both(options);

@@ -27,7 +27,7 @@ ModuleOptions not_waited_for() {
     return options;
 }
 
-TEST(CoreStart, EntryLineComesFirst) {
+TEST(DaemonStart, EntryLineComesFirst) {
     Module module;
     const std::string log = module.log();
     EXPECT_THAT(log.substr(0, log.find('\n') + 1),
@@ -35,7 +35,7 @@ TEST(CoreStart, EntryLineComesFirst) {
                                       "201909191715.0.0.\r\n"));
 }
 
-TEST(CoreStart, DunSoftApFlagEndsWithStatus0BeforeAnyThread) {
+TEST(DaemonStart, DunSoftApFlagEndsWithStatus0BeforeAnyThread) {
     ModuleOptions options = not_waited_for();
     options.files[kDunFlag] = "Yes\n";
     Module module(options);
@@ -44,7 +44,7 @@ TEST(CoreStart, DunSoftApFlagEndsWithStatus0BeforeAnyThread) {
     EXPECT_EQ(opens(module), 0);
 }
 
-TEST(CoreStart, AnyOtherDunSoftApFlagIsNoReasonToEnd) {
+TEST(DaemonStart, AnyOtherDunSoftApFlagIsNoReasonToEnd) {
     for (const char* flag : {"N\n", "y\n", ""}) {
         ModuleOptions options;
         options.files[kDunFlag] = flag;
@@ -54,7 +54,7 @@ TEST(CoreStart, AnyOtherDunSoftApFlagIsNoReasonToEnd) {
     }
 }
 
-TEST(CoreStart, UnknownTargetEndsWithStatus1) {
+TEST(DaemonStart, UnknownTargetEndsWithStatus1) {
     ModuleOptions options = not_waited_for();
     options.target = 99;
     Module module(options);
@@ -65,7 +65,7 @@ TEST(CoreStart, UnknownTargetEndsWithStatus1) {
 
 // Everything that the topology says about itself, in its order. The threads' own output comes
 // between, also between a line's start and its message.
-TEST(CoreStart, StepsAreLoggedInOrder) {
+TEST(DaemonStart, StepsAreLoggedInOrder) {
     Module module;
     module.wait_for_log("udp_at_server_thread pthread_create suceess....0,0,0.\r\n");
     const std::string log = module.log();
@@ -100,7 +100,7 @@ TEST(CoreStart, StepsAreLoggedInOrder) {
     EXPECT_EQ(module.log_count("pcie_atport"), 0);
 }
 
-TEST(CoreStart, WithoutADiagnosticServiceTheStartGoesOn) {
+TEST(DaemonStart, WithoutADiagnosticServiceTheStartGoesOn) {
     ModuleOptions options;
     options.environment["VEXA_DIAG_LOG"] = "/no/such/folder/diag.log";
     Module module(options);
@@ -114,7 +114,7 @@ TEST(CoreStart, WithoutADiagnosticServiceTheStartGoesOn) {
 #ifndef __SANITIZE_ADDRESS__
 #ifndef __SANITIZE_THREAD__  // whose own threads and stacks could not be had either
 // Threads whose stacks would be larger than the address space cannot be made.
-TEST(CoreStart, WithoutAnyThreadTheMainThreadSleepsForEver) {
+TEST(DaemonStart, WithoutAnyThreadTheMainThreadSleepsForEver) {
     if (std::getenv("VEXA_TEST_DAEMON") != nullptr)
         GTEST_SKIP() << "the daemon of this run is started in a way of its own";
     const std::string folder = bench::program_folder();
@@ -142,7 +142,7 @@ TEST(CoreStart, WithoutAnyThreadTheMainThreadSleepsForEver) {
 #endif
 
 // Each of them would say something at once.
-TEST(CoreStart, TheQmiServiceAndItsSelfTestAreNotStarted) {
+TEST(DaemonStart, TheQmiServiceAndItsSelfTestAreNotStarted) {
     Module module;
     for (const int port : {0, 1, 2}) {
         module.host_port(port).write("AT+CFUN?\r");
@@ -166,10 +166,10 @@ TEST_P(RefusedIntent, EndsWithStatus1) {
     EXPECT_THAT(module.log(), testing::HasSubstr("Error queuing RX intent=-1."));
 }
 
-INSTANTIATE_TEST_SUITE_P(CoreStart, RefusedIntent,
+INSTANTIATE_TEST_SUITE_P(DaemonStart, RefusedIntent,
                          testing::Values("/dev/at_mdm0", "/dev/smd7", "/dev/smd8"));
 
-TEST(CoreStart, PlainTargetsServeTheModemPortWithoutIntents) {
+TEST(DaemonStart, PlainTargetsServeTheModemPortWithoutIntents) {
     ModuleOptions options;
     options.target = 26;  // SMD: byte for byte, control lines on POLLPRI
     Module module(options);
@@ -222,9 +222,9 @@ TEST_P(MhiMainPair, ReadsThePipeAndFollowsItsControlLines) {
     module.modem_port().expect("again");
 }
 
-INSTANTIATE_TEST_SUITE_P(CoreStart, MhiMainPair, testing::Values(24, 28));
+INSTANTIATE_TEST_SUITE_P(DaemonStart, MhiMainPair, testing::Values(24, 28));
 
-TEST(CoreStart, ChironWithDigit3ServesThePipeAsTheModemPort) {
+TEST(DaemonStart, ChironWithDigit3ServesThePipeAsTheModemPort) {
     ModuleOptions options;
     options.target = 36;
     options.files[kConfig] = "3\n";
@@ -239,7 +239,7 @@ TEST(CoreStart, ChironWithDigit3ServesThePipeAsTheModemPort) {
     EXPECT_EQ(module.log_count("warning: "), 0) << "the pipe has one reader without PCIe";
 }
 
-TEST(CoreStart, ChironWithAnyOtherConfigurationServesUsb) {
+TEST(DaemonStart, ChironWithAnyOtherConfigurationServesUsb) {
     for (const char* text : {"1\n", "", "03\n"}) {
         ModuleOptions options;
         options.target = 36;
@@ -251,7 +251,7 @@ TEST(CoreStart, ChironWithAnyOtherConfigurationServesUsb) {
     }
 }
 
-TEST(CoreStart, TwoReadersOfThePipeAreWarnedOfOnce) {
+TEST(DaemonStart, TwoReadersOfThePipeAreWarnedOfOnce) {
     ModuleOptions options;
     options.target = 36;
     options.files[kConfig] = "3\n";

@@ -27,7 +27,7 @@ constexpr Names kNames[] = {
      "usb_atport_to_modem_bridge"},
 };
 
-class CoreTexts : public testing::TestWithParam<int> {
+class LogTexts : public testing::TestWithParam<int> {
   protected:
     static const Names& names() { return kNames[GetParam()]; }
     static bool is_uart() { return GetParam() == 2; }
@@ -57,9 +57,9 @@ class CoreTexts : public testing::TestWithParam<int> {
     Module module_;
 };
 
-INSTANTIATE_TEST_SUITE_P(ModemAtUart, CoreTexts, testing::Values(0, 1, 2));
+INSTANTIATE_TEST_SUITE_P(ModemAtUart, LogTexts, testing::Values(0, 1, 2));
 
-TEST_P(CoreTexts, OfTheModemsReaderFromItsStartToAFinalResult) {
+TEST_P(LogTexts, OfTheModemsReaderFromItsStartToAFinalResult) {
     channel().send("\r\nOK\r\n");
     host().expect("\r\nOK\r\n");
     const std::string reader = names().modem_reader;
@@ -84,7 +84,7 @@ TEST_P(CoreTexts, OfTheModemsReaderFromItsStartToAFinalResult) {
     EXPECT_EQ(module_.log_count("Marking rx intent as consumed."), 1);
 }
 
-TEST_P(CoreTexts, OfTheHostsReaderFromItsStartToAChunk) {
+TEST_P(LogTexts, OfTheHostsReaderFromItsStartToAChunk) {
     host().write("AT+CFUN?\r");
     channel().expect("AT+CFUN?\r");
     const std::string path = quoted(names().host);
@@ -107,7 +107,7 @@ TEST_P(CoreTexts, OfTheHostsReaderFromItsStartToAChunk) {
     EXPECT_EQ(module_.log_count("set g_at_over_sokcet_enable in mport"), 0);
 }
 
-TEST_P(CoreTexts, OfControlLinesAndHangUpsOfTheHost) {
+TEST_P(LogTexts, OfControlLinesAndHangUpsOfTheHost) {
     std::size_t from = module_.log_size();
     host_device().set_modem_bits(0x47);
     host_device().raise(POLLPRI);
@@ -125,7 +125,7 @@ TEST_P(CoreTexts, OfControlLinesAndHangUpsOfTheHost) {
                     from);
 }
 
-TEST_P(CoreTexts, ControlLinesComeBeforeDataOfTheSamePoll) {
+TEST_P(LogTexts, ControlLinesComeBeforeDataOfTheSamePoll) {
     termios settings{};
     ASSERT_EQ(tcgetattr(host().slave_fd(), &settings), 0);
     settings.c_cc[VMIN] = 0;  // a read without data gives 0 instead of waiting
@@ -137,7 +137,7 @@ TEST_P(CoreTexts, ControlLinesComeBeforeDataOfTheSamePoll) {
         from);
 }
 
-TEST_P(CoreTexts, OfAChannelThatHangsUpAndOfAHostThatIsNotWritten) {
+TEST_P(LogTexts, OfAChannelThatHangsUpAndOfAHostThatIsNotWritten) {
     std::size_t from = module_.log_size();
     channel().hang_up();
     expect_in_order({"POLLHUP is set.", "Closing: " + quoted(names().channel),

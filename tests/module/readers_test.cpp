@@ -21,7 +21,7 @@ constexpr Port kPorts[] = {
     {"uartport", "/dev/ttyMSM1", "/dev/smd8"},
 };
 
-class CoreReaders : public testing::TestWithParam<int> {
+class DeviceReaders : public testing::TestWithParam<int> {
   protected:
     static const Port& names() { return kPorts[GetParam()]; }
     HostPort& host() { return module_.host_port(GetParam()); }
@@ -60,9 +60,9 @@ class CoreReaders : public testing::TestWithParam<int> {
     Module module_;
 };
 
-INSTANTIATE_TEST_SUITE_P(ModemAtUart, CoreReaders, testing::Values(0, 1, 2));
+INSTANTIATE_TEST_SUITE_P(ModemAtUart, DeviceReaders, testing::Values(0, 1, 2));
 
-TEST_P(CoreReaders, OneIntentOf16384BytesAMessage) {
+TEST_P(DeviceReaders, OneIntentOf16384BytesAMessage) {
     module_.wait_until([&] { return channel_device().intents() == 1; }, "the first intent");
     EXPECT_EQ(channel_device().intent_size(), 16384);
     for (int message = 2; message <= 4; ++message) {
@@ -72,7 +72,7 @@ TEST_P(CoreReaders, OneIntentOf16384BytesAMessage) {
     }
 }
 
-TEST_P(CoreReaders, MessagesOfAnySizeGoThroughWhole) {
+TEST_P(DeviceReaders, MessagesOfAnySizeGoThroughWhole) {
     for (const std::size_t size : {1u, 300u, 4096u, 16384u}) {
         const std::string message(size, 'm');
         channel().send(message);
@@ -82,7 +82,7 @@ TEST_P(CoreReaders, MessagesOfAnySizeGoThroughWhole) {
     host().expect(std::string("\0a\0b", 4));
 }
 
-TEST_P(CoreReaders, EmptyPacketsAreNoAnswerAndTheNextOneArrives) {
+TEST_P(DeviceReaders, EmptyPacketsAreNoAnswerAndTheNextOneArrives) {
     for (int round = 0; round < 3; ++round) {
         for (int empty = 0; empty < 5; ++empty) channel().send("");
         channel().send("\r\n+CREG: 1\r\n");
@@ -90,7 +90,7 @@ TEST_P(CoreReaders, EmptyPacketsAreNoAnswerAndTheNextOneArrives) {
     }
 }
 
-TEST_P(CoreReaders, HostControlLinesReachTheModem) {
+TEST_P(DeviceReaders, HostControlLinesReachTheModem) {
     host_device().set_modem_bits(0x47);
     host_device().raise(POLLPRI);
     wait_for_control_lines(channel_device(), 0x47);
@@ -101,7 +101,7 @@ TEST_P(CoreReaders, HostControlLinesReachTheModem) {
     EXPECT_GE(module_.log_count("POLLPRI is set.\n"), 1);
 }
 
-TEST_P(CoreReaders, HostControlLinesGoBeforeTheDataOfTheSamePoll) {
+TEST_P(DeviceReaders, HostControlLinesGoBeforeTheDataOfTheSamePoll) {
     host_device().set_modem_bits(0x47);
     // A read would block: the data behind the event comes later.
     host_device().raise(POLLPRI | POLLIN);
@@ -109,7 +109,7 @@ TEST_P(CoreReaders, HostControlLinesGoBeforeTheDataOfTheSamePoll) {
     expect_road();
 }
 
-TEST_P(CoreReaders, EachStepOfAChunkIsTold) {
+TEST_P(DeviceReaders, EachStepOfAChunkIsTold) {
     expect_road();
     const std::string host_path = names().host;
     const std::string log_name = names().log_name;
@@ -141,7 +141,7 @@ TEST_P(CoreReaders, EachStepOfAChunkIsTold) {
     EXPECT_EQ(module_.log_count("usb_atport_to_modem_bridge enter.\n"), 2);
 }
 
-TEST_P(CoreReaders, EventsThatNobodyAskedForAreToldOfOnTheModemPort) {
+TEST_P(DeviceReaders, EventsThatNobodyAskedForAreToldOfOnTheModemPort) {
     host_device().raise(POLLNVAL | POLLIN);
     module_.wait_for_log("POLLIN is set.\n");  // and now it reads, which blocks
     expect_road();
@@ -152,13 +152,13 @@ TEST_P(CoreReaders, EventsThatNobodyAskedForAreToldOfOnTheModemPort) {
     EXPECT_EQ(host_device().closes(), 0);
 }
 
-TEST_P(CoreReaders, ModemControlLinesReachTheHost) {
+TEST_P(DeviceReaders, ModemControlLinesReachTheHost) {
     channel_device().set_modem_bits(0xC2);
     channel_device().raise(POLLPRI);
     wait_for_control_lines(host_device(), 0xC2);
 }
 
-TEST_P(CoreReaders, HangUpDropsDtrAndKeepsTheOtherLines) {
+TEST_P(DeviceReaders, HangUpDropsDtrAndKeepsTheOtherLines) {
     host_device().set_modem_bits(0x47);
     host_device().raise(POLLPRI);
     wait_for_sets(channel_device(), 1);
@@ -169,14 +169,14 @@ TEST_P(CoreReaders, HangUpDropsDtrAndKeepsTheOtherLines) {
     module_.wait_for_log("Sending DTR low signal to MODEM.");
 }
 
-TEST_P(CoreReaders, HangUpBeforeAnyControlChangeSetsAllLinesLow) {
+TEST_P(DeviceReaders, HangUpBeforeAnyControlChangeSetsAllLinesLow) {
     channel_device().set_modem_bits(0x1FF);
     host().replug();
     wait_for_sets(channel_device(), 1);
     EXPECT_EQ(channel_device().modem_bits(), 0);
 }
 
-TEST_P(CoreReaders, HangUpWinsOverDataOfTheSamePoll) {
+TEST_P(DeviceReaders, HangUpWinsOverDataOfTheSamePoll) {
     // A read would block for ever: there is no data behind the event.
     host_device().raise(POLLERR | POLLPRI | POLLIN);
     wait_for_host(2);
@@ -186,14 +186,14 @@ TEST_P(CoreReaders, HangUpWinsOverDataOfTheSamePoll) {
     expect_road();
 }
 
-TEST_P(CoreReaders, ReadErrorOfTheHostPortReopensWithoutDtr) {
+TEST_P(DeviceReaders, ReadErrorOfTheHostPortReopensWithoutDtr) {
     host_device().fail_reads(EIO, 1);
     host().write("AT+CFUN?\r");
     wait_for_host(2);
     EXPECT_EQ(channel_device().modem_sets(), 0);
 }
 
-TEST_P(CoreReaders, ReadErrorOfTheChannelReopensItWithAFreshIntent) {
+TEST_P(DeviceReaders, ReadErrorOfTheChannelReopensItWithAFreshIntent) {
     channel_device().fail_reads(EIO, 1);
     channel().send("lost");
     wait_for_channel(2);
@@ -201,7 +201,7 @@ TEST_P(CoreReaders, ReadErrorOfTheChannelReopensItWithAFreshIntent) {
     expect_road();
 }
 
-TEST_P(CoreReaders, ChunkOfNoBytesFromTheModemIsPassedOver) {
+TEST_P(DeviceReaders, ChunkOfNoBytesFromTheModemIsPassedOver) {
     channel().send("");
     module_.wait_for_log("read from '" + std::string(names().channel) + "' num_read: 0.");
     channel().send("marker");
@@ -211,7 +211,7 @@ TEST_P(CoreReaders, ChunkOfNoBytesFromTheModemIsPassedOver) {
     EXPECT_EQ(module_.log_count(std::string("<<<<<< ") + names().log_name + " cp <<<"), 1);
 }
 
-TEST_P(CoreReaders, ChunkOfNoBytesFromTheHostIsHandedOver) {
+TEST_P(DeviceReaders, ChunkOfNoBytesFromTheHostIsHandedOver) {
     termios settings{};
     ASSERT_EQ(tcgetattr(host().slave_fd(), &settings), 0);
     settings.c_cc[VMIN] = 0;  // a read without data gives 0 instead of waiting
@@ -222,7 +222,7 @@ TEST_P(CoreReaders, ChunkOfNoBytesFromTheHostIsHandedOver) {
     expect_road();
 }
 
-TEST_P(CoreReaders, FinalResultIsAWordAnywhereInOneChunk) {
+TEST_P(DeviceReaders, FinalResultIsAWordAnywhereInOneChunk) {
     const auto completions = [&] {
         return module_.log_count(std::string(names().log_name) + " cp g_cond_ap_with_cp <<<");
     };
@@ -242,7 +242,7 @@ TEST_P(CoreReaders, FinalResultIsAWordAnywhereInOneChunk) {
     }
 }
 
-TEST_P(CoreReaders, SmsPromptMakesTheNextInputText) {
+TEST_P(DeviceReaders, SmsPromptMakesTheNextInputText) {
     host().write("AT+CMGS=\"1\"\r");
     channel().expect("AT+CMGS=\"1\"\r");
     channel().send("\r\n> ");
@@ -256,7 +256,7 @@ TEST_P(CoreReaders, SmsPromptMakesTheNextInputText) {
     expect_road();
 }
 
-TEST_P(CoreReaders, PromptWithinPppDataIsData) {
+TEST_P(DeviceReaders, PromptWithinPppDataIsData) {
     host().write("ATD*99#\r");
     channel().expect("ATD*99#\r");
     channel().send("\r\nCONNECT\r\n");
@@ -276,7 +276,7 @@ TEST_P(CoreReaders, PromptWithinPppDataIsData) {
     expect_road();
 }
 
-TEST_P(CoreReaders, FailedWriteToTheHostReopensItAtOnce) {
+TEST_P(DeviceReaders, FailedWriteToTheHostReopensItAtOnce) {
     host_device().fail_writes(EIO, 1);
     channel().send("lost");
     wait_for_host(2);
@@ -286,7 +286,7 @@ TEST_P(CoreReaders, FailedWriteToTheHostReopensItAtOnce) {
     expect_road();
 }
 
-TEST_P(CoreReaders, FailedWriteToTheChannelReopensItAtOnceWithAFreshIntent) {
+TEST_P(DeviceReaders, FailedWriteToTheChannelReopensItAtOnceWithAFreshIntent) {
     channel_device().fail_writes(EIO, 1);
     host().write("AT+CFUN?\r");
     wait_for_channel(2);
@@ -294,7 +294,7 @@ TEST_P(CoreReaders, FailedWriteToTheChannelReopensItAtOnceWithAFreshIntent) {
     expect_road();
 }
 
-TEST_P(CoreReaders, RefusedWriteIsTriedAgain) {
+TEST_P(DeviceReaders, RefusedWriteIsTriedAgain) {
     channel_device().fail_writes(EAGAIN, 1);
     host_device().fail_writes(EAGAIN, 1);
     expect_road();
@@ -302,13 +302,13 @@ TEST_P(CoreReaders, RefusedWriteIsTriedAgain) {
     EXPECT_EQ(host_device().opens(), 1);
 }
 
-TEST_P(CoreReaders, ShortWritesLoseNothing) {
+TEST_P(DeviceReaders, ShortWritesLoseNothing) {
     host_device().limit_writes(3);
     channel().send("\r\n+CREG: 1,\"0001\"\r\n");
     host().expect("\r\n+CREG: 1,\"0001\"\r\n");
 }
 
-TEST_P(CoreReaders, HostPortVanishesAndReturns100Times) {
+TEST_P(DeviceReaders, HostPortVanishesAndReturns100Times) {
     // The UART's reader counts failed opens for ever, but here the new port stands at the path
     // before the old one hangs up.
     const int descriptors = module_.count_descriptors();
@@ -323,7 +323,7 @@ TEST_P(CoreReaders, HostPortVanishesAndReturns100Times) {
     expect_at_most(descriptors);
 }
 
-TEST_P(CoreReaders, ChannelVanishesAndReturns100Times) {
+TEST_P(DeviceReaders, ChannelVanishesAndReturns100Times) {
     const int descriptors = module_.count_descriptors();
     for (int time = 1; time <= 100; ++time) {
         channel().hang_up();
@@ -334,7 +334,7 @@ TEST_P(CoreReaders, ChannelVanishesAndReturns100Times) {
     expect_at_most(descriptors);
 }
 
-TEST_P(CoreReaders, HostPortThatIsAwayIsWaitedFor) {
+TEST_P(DeviceReaders, HostPortThatIsAwayIsWaitedFor) {
     host().unplug();
     module_.wait_until([&] { return host_device().closes() == 1; }, "the port to be closed");
     host().plug();
@@ -342,7 +342,7 @@ TEST_P(CoreReaders, HostPortThatIsAwayIsWaitedFor) {
     expect_road();
 }
 
-TEST_P(CoreReaders, ChannelThatIsAwayIsWaitedFor) {
+TEST_P(DeviceReaders, ChannelThatIsAwayIsWaitedFor) {
     channel().close();
     module_.wait_until([&] { return channel_device().closes() == 1; }, "it to be closed");
     channel().open();
@@ -350,7 +350,7 @@ TEST_P(CoreReaders, ChannelThatIsAwayIsWaitedFor) {
     expect_road();
 }
 
-TEST_P(CoreReaders, WriterThatMeetsTheHangUpFirstDropsDtrAllTheSame) {
+TEST_P(DeviceReaders, WriterThatMeetsTheHangUpFirstDropsDtrAllTheSame) {
     // Answers are under way while the host leaves: whoever sees it first, DTR drops once.
     for (int time = 1; time <= 20; ++time) {
         const int opens = host_device().opens();
@@ -373,7 +373,7 @@ TEST_P(CoreReaders, WriterThatMeetsTheHangUpFirstDropsDtrAllTheSame) {
 }
 
 // The pauses of 1 to 5 s are the rule under test, on both channels at the same time.
-TEST(CoreWrites, FiveRefusalsLoseNothingAndSixFail) {
+TEST(DeviceWrites, FiveRefusalsLoseNothingAndSixFail) {
     Module module;
     DeviceControl patient = module.device("/dev/at_mdm0");
     DeviceControl failing = module.device("/dev/smd7");
