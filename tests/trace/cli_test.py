@@ -80,10 +80,24 @@ class CommandLine(unittest.TestCase):
         self.expect([
             ("session.jsonl", ""),
             ("session.jsonl --port qmi", "nothing passed at these places and times"),
-            ("session.jsonl --html /dev/stdout", ""),
             ("session.jsonl --html page --pcap packets", ""),
             ("--from-log log", ""),
         ], 0)
+
+    def test_a_link_stays_and_what_it_leads_to_is_written(self) -> None:
+        for option in ("--html", "--pcap"):
+            page = self.folder / f"of{option}"
+            page.write_text("old")
+            link = self.folder / f"link{option}"
+            link.symlink_to(page.name)
+            self.assertEqual(self.trace(f"session.jsonl {option} {link.name}"), (0, ""))
+            self.assertTrue(link.is_symlink())
+            self.assertGreater(len(page.read_bytes()), 100)
+
+    def test_standard_output_by_its_name(self) -> None:
+        self.assertEqual(self.trace("session.jsonl --html /dev/stdout"), (0, ""))
+        self.assertIn("<!DOCTYPE html>", (self.folder / "shown").read_text())
+        self.assertTrue(Path("/dev/stdout").is_symlink())
 
 
 if __name__ == "__main__":

@@ -12,9 +12,12 @@ from typing import BinaryIO
 
 @contextmanager
 def whole_file(path: str) -> Iterator[BinaryIO]:
-    """A file to write, beside its place until it is done: an interruption leaves no half of it."""
+    """A file to write, beside its place until it is done: an interruption leaves no half of it.
+
+    What a link leads to is written in place, and the link stays: /dev/stdout is one, and root could
+    put a file where it was."""
     target = Path(path)
-    if target.exists() and not target.is_file():  # such as /dev/stdout
+    if target.is_symlink() or (target.exists() and not target.is_file()):
         with open(target, "wb") as file:
             yield file
         return
