@@ -186,7 +186,7 @@ int main(int argc, char** argv) {
         return bench::report_parse_error(app, error);
     }
     for (const int number : {SIGINT, SIGTERM}) {
-        std::signal(number, [](int) { g_interrupted = 1; });
+        std::signal(number, [](int by) { g_interrupted = by; });
     }
     Runs runs(settings);
     bool agrees = true;
@@ -196,5 +196,9 @@ int main(int argc, char** argv) {
     if (settings.replays.empty()) {
         agrees = runs.search();
     }
-    return agrees ? 0 : 1;
+    if (!agrees) {
+        return 1;
+    }
+    // What was cut short has not passed.
+    return g_interrupted == 0 ? 0 : 128 + g_interrupted;
 }

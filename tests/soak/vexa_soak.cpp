@@ -197,10 +197,15 @@ int main(int argc, char** argv) {
     if (const int status = parse(argc, argv, settings); status >= 0) {
         return status;
     }
-    signal(SIGINT, [](int) { g_interrupted = 1; });
-    signal(SIGTERM, [](int) { g_interrupted = 1; });
+    for (const int number : {SIGINT, SIGTERM}) {
+        signal(number, [](int by) { g_interrupted = by; });
+    }
     try {
-        return Soak(settings).run() ? 0 : 1;
+        if (!Soak(settings).run()) {
+            return 1;
+        }
+        // What was cut short has not passed.
+        return g_interrupted == 0 ? 0 : 128 + g_interrupted;
     } catch (const std::exception& error) {
         fprintf(stderr, "vexa-soak: %s\n", error.what());
         return 1;
