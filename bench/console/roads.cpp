@@ -108,6 +108,7 @@ constexpr std::array<RoadRow, 7> kRoads{{
 
 std::vector<std::string> road_ports() {
     std::vector<std::string> ports;
+    ports.reserve(kRoads.size());
     for (const RoadRow& row : kRoads) {
         ports.emplace_back(row.port);
     }
