@@ -13,6 +13,7 @@ import json
 import os
 import random
 import re
+import shlex
 import shutil
 import signal
 import subprocess
@@ -30,6 +31,7 @@ PROGRAMS = {"unit": "vexa_unit_tests", "module": "vexa_module_tests", "model": "
 LONGEST_TEST_S = 120.0
 QUICK_S = 0.3  # the others, which wait for real, are shown after these, a few at a time
 BATCH = 12
+SURVIVED = ("alive", "unreached", "error")
 stopping = threading.Event()
 
 
@@ -44,7 +46,7 @@ class Test:
 @dataclass(frozen=True)
 class Outcome:
     site: Site
-    verdict: str  # compiler, unit, module, model, alive, unreached
+    verdict: str  # compiler, unit, module, model, alive, unreached, error
     by: str
 
 
@@ -178,7 +180,7 @@ class Builder:
         self.commands: dict[str, list[str]] = {}
         for row in rows:
             name = os.path.relpath(row["file"], tree)
-            self.commands.setdefault(name, row["command"].split())
+            self.commands.setdefault(name, shlex.split(row["command"]))
         self.links = {name: self.link_command(name) for name in
                       ("vexa_unit_tests", "vexa_at_client")}
         self.needs = self.dependencies()
@@ -187,7 +189,7 @@ class Builder:
         text = subprocess.run(["ninja", "-t", "commands", target], cwd=self.build, check=True,
                               stdout=subprocess.PIPE, text=True).stdout.splitlines()[-1]
         text = text.split(" && ")[1]
-        return text.replace('"', "").split()
+        return [word.replace("\\$", "$") for word in shlex.split(text)]  # of $ORIGIN
 
     def dependencies(self) -> dict[str, set[str]]:
         """From a header of the daemon to the sources that include it."""
@@ -255,8 +257,13 @@ class Builder:
                     text = self.changed_text(site) if name == site.file else text
                     (work / "include" / Path(name).name).write_text(text, encoding="utf-8")
             objects = {}
+            names = self.reader.names_of(site) if site.name else None
             for source in sorted(self.needs.get(site.file, set())):
                 if source not in self.reader.texts and not source.startswith("tests/unit/"):
+                    continue
+                # Compiling a test takes long; one that names no changed constant stays as it is.
+                if names is not None and source.startswith("tests/") and not names.search(
+                        (self.tree / source).read_text(encoding="utf-8")):
                     continue
                 objects[source] = self.compile(source, None, work)
                 if objects[source] is None:
@@ -311,9 +318,9 @@ def in_turn(tests: list[Test]) -> list[Test]:
 
 class Check:
     def __init__(self, reader: Reader, tests: Tests, builder: Builder, scratch: Path,
-                 most: int | None) -> None:
+                 most: int | None, whole: bool) -> None:
         self.reader, self.tests, self.builder, self.scratch = reader, tests, builder, scratch
-        self.most = most
+        self.most, self.whole = most, whole
 
     def fails(self, work: Path, program: str, names: list[str], seconds: float,
               environment: dict[str, str]) -> str | None:
@@ -328,6 +335,8 @@ class Check:
                 return None
             text = output.read_text(encoding="utf-8", errors="replace")
             ran = re.findall(r"\[ RUN      \] (\S+)", text)
+            if not ran and status not in (-1, -signal.SIGSEGV):
+                raise RuntimeError(f"{command[0]} does not run: {text[:200]}")
             failed = str(ran[-1] if ran else rest[0])
             failed = next(iter(re.findall(r"\[  FAILED  \] (\S+?),? ", text)), failed).rstrip(",")
             if failed not in rest:
@@ -360,6 +369,12 @@ class Check:
         return found or [test for test in self.tests.all
                          if own.replace("_", "").lower() in test.name.lower()]
 
+    def outcome(self, site: Site) -> Outcome:
+        try:
+            return self.one(site)
+        except (OSError, RuntimeError, subprocess.SubprocessError) as error:
+            return Outcome(site, "error", str(error).split("\n")[0])
+
     def one(self, site: Site) -> Outcome:
         work = self.scratch / str(site.number)
         shutil.rmtree(work, ignore_errors=True)
@@ -378,7 +393,7 @@ class Check:
             tests = in_turn(self.wanted_tests(site))
             if not tests:
                 return Outcome(site, "unreached", "")
-            for program in PROGRAMS:
+            for program in PROGRAMS if not self.whole else ("module", "model"):
                 mine = [test for test in tests if test.program == program]
                 if program != "unit" and self.most is not None:
                     mine = mine[:self.most]
@@ -437,8 +452,19 @@ def written(outcome: Outcome) -> str:
             f"{site.after or 'nothing'} ({outcome.verdict}: {outcome.by})")
 
 
+def told_before(file: Path | None, sites: list[Site]) -> list[Outcome]:
+    """What an earlier run wrote with written()."""
+    if file is None or not file.exists():
+        return []
+    known = {site.number: site for site in sites}
+    found = re.findall(r"^\S+: \w+ (\d+), .*\((\w+): (.*)\)$", file.read_text(encoding="utf-8"),
+                       re.MULTILINE)
+    return [Outcome(known[int(number)], verdict, by) for number, verdict, by in found
+            if int(number) in known]
+
+
 def summary(outcomes: list[Outcome]) -> None:
-    verdicts = ("compiler", "unit", "module", "model", "alive", "unreached")
+    verdicts = ("compiler", "unit", "module", "model", "alive", "unreached", "error")
     print(f"{'':12}" + "".join(f"{name:>10}" for name in ("made",) + verdicts))
     for kind in KINDS:
         counts = Counter(outcome.verdict for outcome in outcomes if outcome.site.kind == kind)
@@ -458,6 +484,7 @@ def parsed() -> argparse.Namespace:
     parser.add_argument("--jobs", type=int, default=4, help="mutants at a time (default 4)")
     parser.add_argument("--most", type=int, metavar="N",
                         help="show each mutant to N whole-daemon tests at most, of many suites")
+    parser.add_argument("--whole", action="store_true", help="whole-daemon tests only")
     parser.add_argument("--from", type=Path, metavar="FILE", dest="survived",
                         help="only the survivors of the run that wrote this")
     parser.add_argument("--no-build", action="store_true",
@@ -465,14 +492,17 @@ def parsed() -> argparse.Namespace:
     parser.add_argument("--list", action="store_true", help="print the mutants, run nothing")
     parser.add_argument("--survivors", type=Path, metavar="FILE",
                         help="write there what no test noticed")
-    parser.add_argument("--all", type=Path, metavar="FILE", help="write there what became of each")
+    parser.add_argument("--all", type=Path, metavar="FILE",
+                        help="write there what became of each; what stands in it is not done again")
     return parser.parse_args()
 
 
 def main() -> int:
     arguments = parsed()
     root = Path(os.environ["ROOT"])
-    reader = Reader(root)
+    scratch = root / "build/mutation"
+    tree, sources = scratch / "tree", scratch / "sources"
+    reader = Reader(sources if arguments.no_build else root)
     sites = chosen_sites(reader, arguments)
     if not sites:
         say("no mutant is like that")
@@ -484,19 +514,24 @@ def main() -> int:
         return 0
     signal.signal(signal.SIGINT, lambda *_: stopping.set())
     signal.signal(signal.SIGTERM, lambda *_: stopping.set())
-    scratch = root / "build/mutation"
-    tree = scratch / "tree"
     if not arguments.no_build:
+        for name, text in reader.texts.items():
+            (sources / name).parent.mkdir(parents=True, exist_ok=True)
+            (sources / name).write_text(text, encoding="utf-8")
         make_tree(root, tree, reader)
         build_tree(tree)
     tests = Tests(tree / "build/host", 2 * arguments.jobs)
     work = scratch / f"work-{os.getpid()}"
-    check = Check(reader, tests, Builder(root, tree, reader), work, arguments.most)
-    outcomes: list[Outcome] = []
+    check = Check(reader, tests, Builder(root, tree, reader), work, arguments.most,
+                  arguments.whole)
+    outcomes = told_before(arguments.all, sites)
+    done = {outcome.site.number for outcome in outcomes}
+    sites = [site for site in sites if site.number not in done]
+    before = len(outcomes)
     start = told = time.monotonic()
-    record = open(arguments.all, "w", encoding="utf-8") if arguments.all else None
+    record = open(arguments.all, "a", encoding="utf-8") if arguments.all else None
     with concurrent.futures.ThreadPoolExecutor(arguments.jobs) as pool:
-        running = [pool.submit(check.one, site) for site in sites]
+        running = [pool.submit(check.outcome, site) for site in sites]
         for future in concurrent.futures.as_completed(running):
             if stopping.is_set():
                 for other in running:
@@ -506,14 +541,15 @@ def main() -> int:
             if record:
                 print(written(outcomes[-1]), file=record, flush=True)
             now = time.monotonic()
-            if now - told > 10 or len(outcomes) == len(sites):
+            ready = len(outcomes) - before
+            if now - told > 10 or ready == len(sites):
                 told = now
-                left = (now - start) / len(outcomes) * (len(sites) - len(outcomes))
-                alive = sum(outcome.verdict in ("alive", "unreached") for outcome in outcomes)
-                say(f"{len(outcomes)} of {len(sites)}, {alive} alive, {left / 60:.0f} min left")
+                left = (now - start) / ready * (len(sites) - ready)
+                alive = sum(outcome.verdict in SURVIVED for outcome in outcomes)
+                say(f"{ready} of {len(sites)}, {alive} alive, {left / 60:.0f} min left")
     shutil.rmtree(work, ignore_errors=True)
     survivors = sorted((outcome for outcome in outcomes
-                        if outcome.verdict in ("alive", "unreached")),
+                        if outcome.verdict in SURVIVED),
                        key=lambda outcome: outcome.site.number)
     lines = [written(outcome) for outcome in survivors]
     if arguments.survivors:

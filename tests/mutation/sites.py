@@ -305,8 +305,8 @@ class Reader:
         return [body for body in self.bodies
                 if body.file == site.file and body.start <= site.start < body.end]
 
-    def users_of(self, site: Site) -> list[Body]:
-        """The functions whose text names the constant or table, also by way of other constants."""
+    def names_of(self, site: Site) -> re.Pattern[str]:
+        """The constant or table, and others that are made of it."""
         names = {site.name}
         definitions: list[tuple[str, str]] = []
         for file, code in self.codes.items():
@@ -321,6 +321,10 @@ class Reader:
                         re.search(rf"\b{known}\b", text) for known in names):
                     names.add(name)
                     grown = True
-        pattern = re.compile(r"\b(" + "|".join(sorted(names)) + r")\b")
+        return re.compile(r"\b(" + "|".join(sorted(names)) + r")\b")
+
+    def users_of(self, site: Site) -> list[Body]:
+        """The functions whose text names the constant or table."""
+        pattern = self.names_of(site)
         return [body for body in self.bodies
                 if pattern.search(self.codes[body.file][body.start:body.end])]

@@ -174,7 +174,7 @@ TEST_P(Engine, AnOverlongLineIsDroppedToItsEnd) {
         testing::internal::CaptureStdout();
         own.feed(line);
         own.feed_cut("AT+CFUN=666A/" + std::string(3000, 'z'), size);
-        EXPECT_EQ(own.feed("rest\r"), 0);
+        EXPECT_EQ(own.feed("AT+REST\r"), 0) << "no line of its own before the line's end";
         const std::string log = testing::internal::GetCapturedStdout();
         const std::size_t first = log.find("atcmd is too long, drop it.");
         ASSERT_NE(first, std::string::npos);

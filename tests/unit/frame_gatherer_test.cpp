@@ -51,6 +51,7 @@ TEST(FrameGatherer, RowsWithEveryCut) {
     const std::string flag_inside = "\xF9\x0B\xEF\x05\xF9\xF9\xF9\xF9";
     const std::string two_byte = "\xF9\x0B\xEF\x02\x00"s + "a?\xF9";
     const std::string longest = "\xF9\x0B\xEF\xFF" + std::string(127, '\xF9') + "?\xF9";
+    const std::string two_byte_longest = "\xF9\x0B\xEF\xCA\x0B" + std::string(1509, 'p') + "?\xF9";
     const struct {
         std::string bytes;
         Pieces expected;
@@ -77,6 +78,11 @@ TEST(FrameGatherer, RowsWithEveryCut) {
         {no_end + no_end + kAt, {junk, junk, kAt}, "each such frame is refused"},
         {two_byte + kAt, {two_byte, kAt}, "two length bytes: one whole frame, refused later"},
         {"\xF9\x0B\xEF\xFE\xFF" + kAt, {junk, kAt}, "two length bytes of more than any frame"},
+        {two_byte_longest + kAt, {two_byte_longest, kAt}, "two length bytes of the largest N1"},
+        {"\xF9\x0B\xEF\xCC\x0B" + kAt, {junk, kAt}, "and of one more: refused at its length"},
+        {"\xF9\x0B\x42" + kAt,
+         {junk, kAt},
+         "the third byte tells: the flag after it opens a frame"},
         {"\xF9\x03\x3F\x01\xF9\xF9",
          {"\xF9\x03\x3F\x01\xF9\xF9"},
          "a check sequence like the flag"},

@@ -155,6 +155,12 @@ TEST(MuxUih, AnswerOkOnDlci2) {
     EXPECT_EQ(wrapped.frame, "\xF9\x09\xEF\x05OK\xD6\xF9"sv);
 }
 
+TEST(MuxUih, TheControlChannelIsAChannel) {
+    const Wrapped wrapped = wrap(0, "OK");
+    EXPECT_EQ(wrapped.result, 1);
+    EXPECT_EQ(wrapped.frame.substr(0, 4), "\xF9\x00\xEF\x05"sv);
+}
+
 TEST(MuxUih, ClearsFourThousandAndNinetySixBytes) {
     std::vector<char> area(kMuxAnswerArea + 1, 'x');
     int length = 0;

@@ -2,6 +2,7 @@
 #include "mux_output.h"
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -79,7 +80,10 @@ TEST_F(MuxOutput, AnswersAreSplitAtTheLargestFrame) {
     for (const auto& row : rows) {
         std::string answer;
         for (std::size_t i = 0; i < row.length; ++i) answer.push_back(static_cast<char>(i));
+        testing::internal::CaptureStdout();
         EXPECT_EQ(write_answer(0x0B, answer), 0);
+        EXPECT_EQ(testing::internal::GetCapturedStdout().find("input error"), std::string::npos)
+            << row.length << ": no frame of nothing is asked for";
         std::string joined;
         std::vector<std::size_t> lengths;
         for (const std::string& payload : payloads_of(written(), '\x09')) {
@@ -94,7 +98,10 @@ TEST_F(MuxOutput, AnswersAreSplitAtTheLargestFrame) {
 }
 
 TEST_F(MuxOutput, AnswerWithoutAChannelIsNotWritten) {
+    testing::internal::CaptureStdout();
     EXPECT_EQ(write_answer(0, "OK"), 0);
+    EXPECT_THAT(testing::internal::GetCapturedStdout(),
+                testing::HasSubstr("no channel for 2 bytes of an answer yet, dropped.0.0.\r\n"));
     EXPECT_EQ(written(), "");
 }
 

@@ -375,10 +375,21 @@ TEST_F(MuxSession, DataFrameForms) {
 
 TEST_F(MuxSession, RefusedFormatIsLogged) {
     open_channels();
-    testing::internal::CaptureStdout();
-    give("\xF9\x0B\xEF\x07\x41\x54\x0D\x54\x7E"sv);
-    EXPECT_NE(testing::internal::GetCapturedStdout().find("MUX package format error."),
-              std::string::npos);
+    const struct {
+        std::string_view frame;
+        const char* why;
+    } rows[] = {
+        {"\xF9\x0B\xEF\x07\x41\x54\x0D\x54\x7E"sv, "no flag at its end"},
+        {"\xF9\x0B\xEF\x09\x41\x54\x0D\x54\xF9"sv, "more information than bytes"},
+        {"\xF9\x0B\xEF\x02\x00\x41\x54\xF9"sv, "two length bytes"},
+    };
+    for (const auto& row : rows) {
+        testing::internal::CaptureStdout();
+        give(row.frame);
+        EXPECT_NE(testing::internal::GetCapturedStdout().find("MUX package format error.\r\n"),
+                  std::string::npos)
+            << row.why;
+    }
 }
 
 TEST_F(MuxSession, RefusedStepsNameTheirStep) {
@@ -397,8 +408,10 @@ TEST_F(MuxSession, ResponseIsDumped) {
     give("AT+CMUX=0\r");
     testing::internal::CaptureStdout();
     give(kSabm0);
-    EXPECT_NE(testing::internal::GetCapturedStdout().find(" 0xf9  0x3  0x73  0x1  0xd7  0xf9 "),
-              std::string::npos);
+    const std::string log = testing::internal::GetCapturedStdout();
+    const std::string_view dump = " 0xf9  0x3  0x73  0x1  0xd7  0xf9 ";
+    ASSERT_NE(log.find(dump), std::string::npos);
+    EXPECT_NE(log.substr(log.find(dump) + dump.size(), 3), " 0x") << "no byte behind the frame";
 }
 
 TEST_F(MuxSession, AnswerWithoutAnAddressIsNoFrame) {
