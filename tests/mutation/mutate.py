@@ -291,7 +291,7 @@ class Builder:
                     if path is not None and name.startswith("main/") <= (target == "vexa_at_client")
                     and name.startswith("tests/") <= (target == "vexa_unit_tests")]
             left_out = {name for name in objects if name.startswith(("tests/", "main/"))}
-            command = [words[0], "-fuse-ld=gold", *mine]
+            command = [words[0], "-fuse-ld=gold", "-s", *mine]
             for word in words[1:]:
                 if word == target:
                     word = str(work / target)

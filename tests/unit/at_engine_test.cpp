@@ -310,11 +310,24 @@ TEST_P(Engine, DataWithoutAPlatformIsAnsweredOnTheUsbPorts) {
 
 TEST_P(Engine, HexInputIsDropped) {
     own.set_mode(USB_PORT_HEX_MODE);
+    testing::internal::CaptureStdout();
     EXPECT_EQ(own.feed("AT\r"), 1);
+    EXPECT_NE(
+        testing::internal::GetCapturedStdout().find("chunk dropped, port mode:1, length:3,0.\r\n"),
+        std::string::npos);
     EXPECT_TRUE(own.cp.messages().empty());
     EXPECT_TRUE(own.to_platform().empty());
     EXPECT_EQ(all_hosts() + own.line(), "");
     EXPECT_EQ(own.mode(), USB_PORT_HEX_MODE);
+}
+
+TEST_P(Engine, TheLogOfAnOrdinaryLineComplainsOfNothing) {
+    testing::internal::CaptureStdout();
+    own.feed("AT+CFUN?\r");
+    const std::string log = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(log.find("input error"), std::string::npos) << log;
+    EXPECT_EQ(log.find("combined registration"), std::string::npos) << log;
+    EXPECT_EQ(log.find("POLL"), std::string::npos) << log;
 }
 
 TEST_P(Engine, AFailedRawWriteClosesTheChannel) {

@@ -27,6 +27,11 @@ class CommandMatch : public ::testing::Test {
     }
 };
 
+std::string lower(std::string text) {
+    for (char& c : text) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+    return text;
+}
+
 std::string upper(std::string text) {
     for (char& c : text) c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
     return text;
@@ -37,6 +42,7 @@ TEST_F(CommandMatch, EveryPlatformCommandInBothCases) {
         const std::string name = hijack_atcmd_talbe[i];
         EXPECT_EQ(hijack(name + "\r"), 1) << name;
         EXPECT_EQ(hijack(upper(name) + "=?\r"), 1) << name;
+        EXPECT_EQ(hijack(lower(name) + "?\r"), 1) << name;
         EXPECT_EQ(hijack(name + "x\r"), 0) << "a longer name is another command: " << name;
     }
 }
@@ -65,6 +71,9 @@ TEST_F(CommandMatch, NullAndNegativeLengthsMatchNothing) {
     EXPECT_EQ(hijack_atcmd_to_app_platform("at+csq\r", -1), 0);
     EXPECT_EQ(forward_exc_atcmd_to_cp_too(nullptr, 3), 0);
     EXPECT_EQ(forward_exc_atcmd_to_cp_too("ate0\r", -1), 0);
+    // The line's length is looked at for its sign alone: the text ends at its NUL.
+    EXPECT_EQ(hijack_atcmd_to_app_platform("at+csq\r", 0), 1);
+    EXPECT_EQ(forward_exc_atcmd_to_cp_too("ate0\r", 0), 1);
     EXPECT_EQ(get_input_at_prefix_len(nullptr), -1);
     EXPECT_EQ(vexa_strmatch(nullptr, "ate"), 0);
     EXPECT_EQ(vexa_strmatch("ate", nullptr), 0);
@@ -107,10 +116,21 @@ TEST_F(CommandMatch, S3MovesInTheMiddleOfTheWalk) {
     // The first comparison sets S3 to "T"; from the second on the name is "AT".
     EXPECT_EQ(hijack("ATS3=84\r"), 0);
     EXPECT_EQ(s3_char(), 'T');
+    // S4 does the same.
+    g_ats3_carriage_return_char = 13;
+    EXPECT_EQ(hijack("ATS4=84\r"), 0);
+    EXPECT_EQ(s4_char(), 'T');
+    g_ats4_line_feed_char = 10;
     // A value that no name holds leaves the walk alone.
     g_ats3_carriage_return_char = 13;
     EXPECT_EQ(hijack("ATS3=35\r"), 1);
     EXPECT_EQ(s3_char(), '#');
+}
+
+std::size_t count_of(const std::string& log, const std::string& text) {
+    std::size_t count = 0;
+    for (auto at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) ++count;
+    return count;
 }
 
 // A name's digits are asked about one by one, each with the same words in the log.
@@ -118,12 +138,12 @@ TEST_F(CommandMatch, EveryDigitOfARegisterLineIsAskedAbout) {
     const std::string digits(40, '7');
     testing::internal::CaptureStdout();
     EXPECT_EQ(get_input_at_prefix_len(("ATS" + digits).c_str()), 43);
-    const std::string log = testing::internal::GetCapturedStdout();
-    std::size_t count = 0;
-    for (auto at = log.find("we ats illegal ... 0,0,0.\n"); at != std::string::npos;
-         at = log.find("we ats illegal ... 0,0,0.\n", at + 1))
-        ++count;
-    EXPECT_EQ(count, digits.size());
+    const std::string asked = "we ats illegal ... 0,0,0.\n";
+    EXPECT_EQ(count_of(testing::internal::GetCapturedStdout(), asked), digits.size());
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(hijack("ATS" + digits), 0);
+    EXPECT_EQ(count_of(testing::internal::GetCapturedStdout(), asked), digits.size())
+        << "also those past the tables' longest name";
     EXPECT_EQ(hijack("ATS3" + digits + "=35\r"), 0);
     EXPECT_EQ(s3_char(), 35) << "far behind the longest name of a table";
 }
@@ -174,7 +194,11 @@ TEST_F(CommandMatch, QxdmLogSwitchesAtOnce) {
 }
 
 TEST_F(CommandMatch, SmsCommandNeverChangesTheMode) {
+    testing::internal::CaptureStdout();
     EXPECT_EQ(is_input_sms_atcmd("AT+CMGS=12\r", 11), 0);
+    EXPECT_NE(
+        testing::internal::GetCapturedStdout().find("sms atcmd, wait for the prompt.0,0,0.\r\n"),
+        std::string::npos);
     EXPECT_EQ(is_input_sms_atcmd("AT+CMGW\r", 8), 0);
     EXPECT_EQ(is_input_sms_atcmd("AT\r", 3), 0);
     EXPECT_EQ(is_input_sms_atcmd(nullptr, 3), 0);
@@ -204,6 +228,7 @@ TEST_F(CommandMatch, FinishedLines) {
         {"AT#\n", '#', 1, "S3 and LF"},
         {"AT\r\n", 13, 1, "CR and LF"},
         {"#\n", '#', 0, "S3 and LF want three bytes"},
+        {"A#\n", '#', 1, "and are content with three"},
         {"AT\n", 13, 0, "LF alone does not"},
         {"A/", 13, 1, "repeat needs no end"},
         {"a/", 13, 1, "in either case"},
@@ -219,6 +244,8 @@ TEST_F(CommandMatch, FinishedLines) {
             << row.line << ": " << row.why;
     }
     EXPECT_EQ(is_input_at_finished(nullptr, 3), 0);
+    const char* const before = "\rAT";
+    EXPECT_EQ(is_input_at_finished(before + 1, 0), 0) << "the byte before the line is not its end";
 }
 
 TEST_F(CommandMatch, LegalLines) {
@@ -262,6 +289,9 @@ TEST_F(CommandMatch, EndsOfRawInput) {
     EXPECT_EQ(is_input_sms_finished("x\x1B", 2), 1);
     EXPECT_EQ(is_input_sms_finished("\x1Ax", 2), 0);
     EXPECT_EQ(is_input_sms_finished(nullptr, 2), 0);
+    const char* const before = "\x1Ax";
+    EXPECT_EQ(is_input_sms_finished(before + 1, 0), 0) << "the byte before the text is not its end";
+    EXPECT_EQ(is_input_hex_finished(before + 1, 0), 0);
     EXPECT_EQ(is_input_hex_finished("x\x1A", 2), 1);
     EXPECT_EQ(is_input_hex_finished("x+++", 4), 1);
     EXPECT_EQ(is_input_hex_finished("+++", 3), 0);

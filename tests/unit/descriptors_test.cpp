@@ -8,6 +8,9 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
+#include <fstream>
+#include <string>
 #include <thread>
 
 #include "device_io.h"
@@ -55,17 +58,35 @@ struct Pipe {
     Pipe& operator=(const Pipe&) = delete;
 };
 
+// Until the thread sleeps, in the one call of it that can.
+void wait_until_asleep(pid_t thread) {
+    const std::string path = "/proc/self/task/" + std::to_string(thread) + "/stat";
+    for (char state = 'R'; state != 'S';) {
+        std::ifstream file(path);
+        std::string text;
+        std::getline(file, text);
+        state = text.at(text.rfind(')') + 2);
+        std::this_thread::yield();
+    }
+}
+
 TEST(SharedDevice, PollWakesWhenAnotherThreadCloses) {
     const QuietStdout quiet;
     for (const SlotRow& row : kSlots) {
         const Pipe pipe;
         store_device({row.name, row.slot, row.mutex}, pipe.read_end);
         DevicePoll polled{};
-        std::thread reader(
-            [&] { polled = poll_shared_device(row.slot, row.mutex, POLLIN); });  // no time-out
+        std::atomic<pid_t> thread = 0;
+        std::thread reader([&] {
+            thread = gettid();
+            polled = poll_shared_device(row.slot, row.mutex, POLLIN);  // no time-out
+        });
+        while (thread == 0) std::this_thread::yield();
+        wait_until_asleep(thread);
         close_fd_mutexed(row.name, row.slot, row.mutex);
         reader.join();
         EXPECT_TRUE(polled.closed) << row.name;
+        EXPECT_EQ(polled.fd, pipe.read_end) << row.name << ": it was polled";
         EXPECT_EQ(*row.slot, -1) << row.name;
     }
 }
@@ -120,6 +141,22 @@ TEST(SharedDevice, HangUpIsRememberedForTheReader) {
     close_fd_mutexed("usb", &usb_fd, &usb_mutex);
     EXPECT_TRUE(take_hang_up(&usb_fd, &usb_mutex));
     EXPECT_FALSE(take_hang_up(&usb_fd, &usb_mutex)) << "it is told once";
+}
+
+TEST(SharedDevice, AHangUpIsTheOwnReadersAlone) {
+    const QuietStdout quiet;
+    for (const SlotRow& row : kSlots) {
+        int master = -1;
+        int slave = -1;
+        ASSERT_EQ(openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
+        close(master);
+        store_device({row.name, row.slot, row.mutex}, slave);
+        close_fd_mutexed(row.name, row.slot, row.mutex);
+        for (const SlotRow& other : kSlots)
+            if (other.slot != row.slot)
+                EXPECT_FALSE(take_hang_up(other.slot, other.mutex)) << row.name << other.name;
+        EXPECT_TRUE(take_hang_up(row.slot, row.mutex)) << row.name;
+    }
 }
 
 TEST(SharedDevice, CloseWithoutHangUpIsNotTakenForOne) {

@@ -157,6 +157,11 @@ TEST_P(Dispatch, MissingArgumentsSendNothing) {
         EXPECT_NE(log.find(text), std::string::npos);
     }
     EXPECT_TRUE(own.cp.messages().empty());
+    // A length of nothing is none of these: what follows is CP's closed channel.
+    own.cp.daemon_fd = -1;
+    testing::internal::CaptureStdout();
+    EXPECT_LT(send_atcmd_to_cp(-1, "", 0, &record.mode, mutex, cond, &own.tinfo), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout().find("input error"), std::string::npos);
 }
 
 class DispatchWait : public EngineFixture {};

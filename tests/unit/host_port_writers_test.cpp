@@ -36,7 +36,15 @@ TEST_F(HostPortWriters, APortThatIsNotServedOrClosedFails) {
     store_shared(g_fd_usb_modem_device, static_cast<int*>(nullptr));
     store_shared(g_fd_usb_atport_device, static_cast<int*>(nullptr));
     store_shared(g_fd_usb_uartport_device, static_cast<int*>(nullptr));
-    for (const Writer write_text : kWriters) EXPECT_EQ(write_text("x", 1, 0), -1);
+    const char* const paths[] = {"/dev/at_usb0", "/dev/at_usb1", "/dev/ttyMSM1"};
+    for (int i = 0; i < kPortCount; ++i) {
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(kWriters[i]("x", 1, 0), -1);
+        EXPECT_NE(testing::internal::GetCapturedStdout().find("'" + std::string(paths[i]) +
+                                                              "' is not served yet.0,0.\r\n"),
+                  std::string::npos)
+            << i;
+    }
     store_shared(g_fd_usb_uartport_device, &usb_uartport_fd);
     usb_uartport_fd = -1;
     EXPECT_EQ(send_result_to_usb_uartport("x", 1, 0), -1);

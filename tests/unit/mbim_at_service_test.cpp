@@ -180,6 +180,13 @@ TEST_F(MbimRequest, AFailedSendIsAFailureAndTheNextRequestMakesASocketAnew) {
     }
 }
 
+TEST_F(MbimRequest, AsMuchTextAsARecordHoldsIsSent) {
+    system_.answer(Call::sendto, 1024);
+    for (int i = 0; i < 7; ++i) system_.answer(Call::recvfrom, -1, EAGAIN);
+    EXPECT_EQ(ask(std::string(1024, 'A')), QMI_CSI_CB_NO_ERR);
+    EXPECT_EQ(system_.count(Call::sendto), 1);
+}
+
 TEST_F(MbimRequest, SilenceIsAFailureThatKeepsTheSocket) {
     system_.answer(Call::sendto, 3);
     for (int i = 0; i < 7; ++i) system_.answer(Call::recvfrom, -1, EAGAIN);

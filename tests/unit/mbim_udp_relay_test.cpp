@@ -245,6 +245,22 @@ TEST_F(UdpRelay, WhatIsSentIsLogged) {
     EXPECT_THAT(output(), HasSubstr("5 send(ATE0\r) to fd(" + number + ")\n"));
 }
 
+TEST_F(UdpRelay, AnEmptyTextIsSent) {
+    const int before = socket_fd;
+    EXPECT_EQ(send_at_with_udp_socket(""), 0);
+    EXPECT_EQ(socket_fd, before);
+    EXPECT_THAT(output(), HasSubstr("0 send() to fd(" + std::to_string(before) + ")\n"));
+}
+
+TEST_F(UdpRelay, AnEmptyDatagramIsNoFailure) {
+    // Seven failures would give up.
+    for (int i = 0; i < 7; ++i) say("");
+    say("OK\r\n");
+    std::array<char, 64> answer{};
+    EXPECT_EQ(recv_at_with_udp_socket(answer.data(), answer.size(), VEXA_MBIM_AT_RSP), 0);
+    EXPECT_STREQ(answer.data(), "OK\r\n");
+}
+
 TEST_F(UdpRelay, AReceiveWaitsAtLeastTwoSeconds) {
     const auto start = std::chrono::steady_clock::now();
     std::array<char, 8> bytes{};

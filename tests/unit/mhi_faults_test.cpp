@@ -147,4 +147,12 @@ TEST_F(MhiFaults, AFailedOrEmptyReceiveIsLoggedAndTheMonitorGoesOn) {
     }
 }
 
+TEST_F(MhiFaults, ADatagramThatJustFitsIsTaken) {
+    system_.answer(Call::recv, 1023);
+    system_.answer(Call::poll, 1);
+    system_.answer(Call::poll, -1, ENOMEM);
+    EXPECT_THAT(log_of([] { vexa_linux_monitor_thread_entry(nullptr); }),
+                testing::Not(HasSubstr("Error uevent datagram is truncated")));
+}
+
 }  // namespace

@@ -167,6 +167,8 @@ TEST(UdpSocket, AnEmptyAnswerIsSentAndReportedAsAnError) {
     EXPECT_EQ(send_udp_result_to_client(server.fd, "", 0, &client.address), 0);
     EXPECT_THAT(GetCapturedStdout(), HasSubstr("send_udp_result_to_client sendto error.send_len:0, "
                                                "error info:Success.\r\n"));
+    char byte = 0;
+    EXPECT_EQ(recv(client.fd, &byte, 1, MSG_DONTWAIT), 0) << "a datagram of nothing";
 }
 
 TEST(UdpSocket, AFailedSendIsOnlyLogged) {

@@ -256,6 +256,16 @@ TEST(ClientReceive, ErrorsAndTheEndReadAsNothing) {
     EXPECT_EQ(receive(pair.daemon).result, 0) << "end of stream";
 }
 
+TEST(ClientReceive, WithoutAFlagTheNextPackIsWaitedFor) {
+    const Pair pair;
+    pair.put(pack_of("OK"));
+    const AnswerArea area;
+    vexa_ext_info info{};
+    EXPECT_EQ(
+        client_recv_data_from_platform(pair.daemon, area.bytes.get(), kDeviceReadSize, 0, &info),
+        2);
+}
+
 TEST(ClientReceive, BadArgumentsAreRefused) {
     const Pair pair;
     char area[kTextAreaSize] = {};
@@ -373,6 +383,15 @@ TEST(RecvWithTimeout, ABadDescriptorIsAFailure) {
     EXPECT_EQ(recv_with_timeout(-1, area, sizeof area, 0, 0), -5);
 }
 
+TEST(RecvWithTimeout, NothingIsALengthToo) {
+    const Pair pair;
+    pair.put("a");
+    char area[8];
+    EXPECT_EQ(recv_with_timeout(pair.daemon, area, 0, 0, 60), 0);
+    EXPECT_EQ(recv_with_timeout(pair.daemon, area, -1, 0, 60), -5);
+    EXPECT_EQ(recv_with_timeout(pair.daemon, area, 1, 0, 60), 1);
+}
+
 TEST(ClientReportPortName, SendsTheReport) {
     const Pair pair;
     EXPECT_EQ(client_report_port_name(pair.daemon, PORT_UART), 48);
@@ -404,7 +423,18 @@ TEST(PlatformClientLog, TellsEachOutcome) {
                 HasSubstr("send data sucess. sock:" + sock + ",:iret:47.\r\n"));
     EXPECT_THAT(log_of([] { client_report_port_name(-1, PORT_AT0); }),
                 HasSubstr("client_report_port_name input error.\r\n"));
-    EXPECT_THAT(log_of(wait_for_nothing), HasSubstr("recv_with_timeout failed or timeout.\r\n"));
+    const char* const timed_out = "recv_with_timeout failed or timeout.\r\n";
+    EXPECT_THAT(log_of(wait_for_nothing), HasSubstr(timed_out));
+    EXPECT_THAT(log_of([&] { recv_with_timeout(-1, area, sizeof area, 0, 0); }),
+                HasSubstr(timed_out));
+    const std::string nothing = "recv_with_timeout recv failed, fd:" + sock + ", iret:0.\r\n";
+    EXPECT_THAT(log_of([&] { recv_with_timeout(pair.daemon, area, 0, 0, 0); }),
+                testing::Not(HasSubstr(nothing)));
+    pair.put("a");
+    EXPECT_THAT(log_of([&] { recv_with_timeout(pair.daemon, area, 0, 0, 60); }),
+                HasSubstr(nothing));
+    EXPECT_THAT(log_of([&] { recv_with_timeout(pair.daemon, area, 1, 0, 60); }),
+                testing::Not(HasSubstr("recv failed")));
     const std::string again = std::to_string(EAGAIN);
     EXPECT_THAT(log_of([&] { receive(pair.daemon); }),
                 HasSubstr("recv error from plat.iret:-1, error_info:Resource temporarily "
@@ -412,12 +442,19 @@ TEST(PlatformClientLog, TellsEachOutcome) {
                           again + ".\r\n"));
     EXPECT_THAT(log_of([&] { client_send_msg(-1, "AT", 2, 0, area, nullptr, nullptr); }),
                 HasSubstr("client_send_sync_msg input error.\r\n"));
+    pair.hang_up();
+    EXPECT_THAT(log_of([&] { receive(pair.daemon); }),
+                HasSubstr("recv error from plat.iret:0, error_info:"));
+    EXPECT_THAT(
+        log_of([&] { send_message(pair.daemon, "AT\r", USB_PORT_ATCMD_MODE, MSG_NOSIGNAL); }),
+        HasSubstr("send data failed,fd:" + sock + ", iret:-1, err_info:Broken pipe.\r\n"));
 }
 
 TEST(PlatformClientLog, TellsEachPackOfARead) {
     const Pair pair;
     pair.put(pack_of("OK") + pack_of("\r\n"));
     const std::string log = log_of([&] { receive(pair.daemon); });
+    EXPECT_THAT(log, HasSubstr("recv msg head txn_id:0, msg_type:0, msg_not_finish:0.\r\n"));
     EXPECT_THAT(log, HasSubstr("mulit_pack_offset:46, offset:0, each_payload_buf:(OK), buf:(OK), "
                                "each_len_without_head:2, total_payload_len:2. \r\n"));
     EXPECT_THAT(log, HasSubstr("mulit_pack_offset:92, offset:46, each_payload_buf:(\r\n), "
