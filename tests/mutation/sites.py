@@ -258,8 +258,8 @@ class Reader:
             assert part is not None
             formats.update(range(at, at + part.end()))
             switched = file.endswith(".cpp")
-            if switched and re.search(r"[A-Za-z]", part[0]):
-                literal = part[0].rstrip()
+            literal = part[0].rstrip()
+            if switched and one_letter_more(literal) is not None:
                 self.add("message", file, at, at + len(literal), "its last letter", True)
         for token in TOKEN.finditer(text):
             at = token.start()

@@ -152,9 +152,11 @@ TEST(SharedDevice, AHangUpIsTheOwnReadersAlone) {
         close(master);
         store_device({row.name, row.slot, row.mutex}, slave);
         close_fd_mutexed(row.name, row.slot, row.mutex);
-        for (const SlotRow& other : kSlots)
-            if (other.slot != row.slot)
+        for (const SlotRow& other : kSlots) {
+            if (other.slot != row.slot) {
                 EXPECT_FALSE(take_hang_up(other.slot, other.mutex)) << row.name << other.name;
+            }
+        }
         EXPECT_TRUE(take_hang_up(row.slot, row.mutex)) << row.name;
     }
 }

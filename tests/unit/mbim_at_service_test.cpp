@@ -317,10 +317,12 @@ TEST(MbimAtService, AConnectionIsARecordOfItsClient) {
     ASSERT_NE(connection, nullptr);
     EXPECT_EQ(static_cast<client_info_type*>(connection)->clnt, &client);
     vexa_mbim_disconnect_cb(connection, nullptr);
-    vexa_mbim_disconnect_cb(nullptr, nullptr);
     EXPECT_EQ(GetCapturedStdout(),
               "A client connected to this service.0.0.0\n"
               "A client disconnected to this service.0.0.0\n");
+    CaptureStdout();
+    vexa_mbim_disconnect_cb(nullptr, nullptr);
+    EXPECT_EQ(GetCapturedStdout(), "") << "it never connected";
 }
 
 TEST(MbimAtService, TheLastAnsweredClientIsCopied) {

@@ -172,6 +172,29 @@ TEST_P(ModemReaderStepsDeathTest, AFinalResultSignalsTheOtherWaiterAfterAPauseOf
                      "end, awaited 0, host open"}));
 }
 
+TEST(ModemReaderStepsDeathTest, SixWordsAreAFinalResult) {
+    const struct {
+        const char* text;
+        bool is_final;
+        const char* why;
+    } rows[] = {
+        {"ok\r\n", true, "the short forms with their line end"},
+        {"OK\r\n", true, "the short forms with their line end"},
+        {"OK", false, "the short forms with their line end"},
+        {"Ok\r\n", false, "either case, no mixture"},
+        {"error", true, "without one"},
+        {"+CME ERROR: 10", true, "within a longer text"},
+        {"Error", false, "either case, no mixture"},
+        {"no carrier", true, "without one"},
+        {"NO CARRIER", true, "without one"},
+        {"NO ANSWER", false, "another result"},
+    };
+    for (const auto& row : rows)
+        EXPECT_EXIT(OneMessage(kGlinkRows[kModemPort]).serve(row.text), testing::ExitedWithCode(0),
+                    row.is_final ? "signal both" : "signal port, single 0, awaited 1;end")
+            << row.text << ": " << row.why;
+}
+
 TEST_P(ModemReaderStepsDeathTest, WhatCannotBeWrittenIsNotSignalledAndThePortIsClosed) {
     EXPECT_EXIT(
         {

@@ -171,6 +171,14 @@ TEST(UdpSocket, AnEmptyAnswerIsSentAndReportedAsAnError) {
     EXPECT_EQ(recv(client.fd, &byte, 1, MSG_DONTWAIT), 0) << "a datagram of nothing";
 }
 
+TEST(UdpSocket, AnAnswerOfOneByteIsNoError) {
+    const UdpEnd server;
+    const UdpEnd client;
+    CaptureStdout();
+    EXPECT_EQ(send_udp_result_to_client(server.fd, "K", 1, &client.address), 1);
+    EXPECT_THAT(GetCapturedStdout(), HasSubstr("sendto succesfully. send_buf_len:1, send_len:1."));
+}
+
 TEST(UdpSocket, AFailedSendIsOnlyLogged) {
     const UdpEnd client;
     CaptureStdout();

@@ -442,12 +442,14 @@ TEST(PlatformClientLog, TellsEachOutcome) {
                           again + ".\r\n"));
     EXPECT_THAT(log_of([&] { client_send_msg(-1, "AT", 2, 0, area, nullptr, nullptr); }),
                 HasSubstr("client_send_sync_msg input error.\r\n"));
-    pair.hang_up();
-    EXPECT_THAT(log_of([&] { receive(pair.daemon); }),
+    Pair ended;
+    ended.hang_up();
+    EXPECT_THAT(log_of([&] { receive(ended.daemon); }),
                 HasSubstr("recv error from plat.iret:0, error_info:"));
     EXPECT_THAT(
-        log_of([&] { send_message(pair.daemon, "AT\r", USB_PORT_ATCMD_MODE, MSG_NOSIGNAL); }),
-        HasSubstr("send data failed,fd:" + sock + ", iret:-1, err_info:Broken pipe.\r\n"));
+        log_of([&] { send_message(ended.daemon, "AT\r", USB_PORT_ATCMD_MODE, MSG_NOSIGNAL); }),
+        HasSubstr("send data failed,fd:" + std::to_string(ended.daemon) +
+                  ", iret:-1, err_info:Broken pipe.\r\n"));
 }
 
 TEST(PlatformClientLog, TellsEachPackOfARead) {
