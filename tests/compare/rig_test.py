@@ -10,7 +10,8 @@ from pathlib import Path
 from typing import Any
 
 RIG = Path(sys.argv.pop())
-EVERYBODY = {"pty pair", "plain bridge", "socat", "daemon", "daemon, log off"}
+COMMANDED = {"pty pair", "plain bridge", "socat", "daemon", "daemon, log off"}
+EVERYBODY = COMMANDED | {"resting bridge"}  # of streams alone: commands do not wait for its rests
 
 
 def run(*arguments: str) -> list[dict[str, Any]]:
@@ -30,9 +31,9 @@ class Rig(unittest.TestCase):
                        if record["figure"] == "stream"}
             self.assertEqual(len(streams), 4, by)
             rates = {record["ports"] for record in of_one if record["figure"] == "rate"}
-            self.assertEqual(rates, {1, 3}, by)
+            self.assertEqual(rates, {1, 3} if by in COMMANDED else set(), by)
             samples = [record["samples_ns"] for record in of_one if record["figure"] == "latency"]
-            self.assertEqual([len(times) for times in samples], [3], by)
+            self.assertEqual([len(times) for times in samples], [3] if by in COMMANDED else [], by)
         self.assertEqual({record["by"] for record in records}, EVERYBODY)
 
     def test_every_kind_of_work_is_done(self) -> None:
