@@ -9,6 +9,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -61,7 +62,9 @@ struct Pipe {
 // Until the thread sleeps, in the one call of it that can.
 void wait_until_asleep(pid_t thread) {
     const std::string path = "/proc/self/task/" + std::to_string(thread) + "/stat";
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     for (char state = 'R'; state != 'S';) {
+        ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "it does not wait";
         std::ifstream file(path);
         std::string text;
         std::getline(file, text);
