@@ -1,9 +1,6 @@
 // The ptys that every contestant is measured on, and the modem that answers at their far ends.
 #pragma once
 
-#include <array>
-#include <atomic>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <thread>

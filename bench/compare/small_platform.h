@@ -4,7 +4,6 @@
 #include <map>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "unique_fd.h"
 

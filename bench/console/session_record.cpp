@@ -3,7 +3,6 @@
 #include <time.h>
 
 #include <array>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>

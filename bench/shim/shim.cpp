@@ -18,7 +18,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 #include "device_state.h"
 #include "port_modes.h"

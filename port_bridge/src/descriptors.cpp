@@ -2,7 +2,6 @@
 
 #include <poll.h>
 #include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <array>
 #include <cerrno>

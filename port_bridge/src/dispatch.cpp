@@ -4,7 +4,6 @@
 
 #include <cstring>
 #include <ctime>
-#include <string_view>
 
 #include "answer_count.h"
 #include "command_match.h"

@@ -4,7 +4,6 @@
 #include <array>
 #include <cstddef>
 #include <tuple>
-#include <utility>
 
 #include "diag.h"
 #include "log_text.h"

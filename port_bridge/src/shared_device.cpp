@@ -4,8 +4,6 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <cerrno>
-
 #include "device_io.h"
 #include "log.h"
 #include "mutex_guard.h"

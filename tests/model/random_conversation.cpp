@@ -1,6 +1,5 @@
 #include "random_conversation.h"
 
-#include <algorithm>
 #include <array>
 #include <deque>
 

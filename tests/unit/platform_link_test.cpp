@@ -16,7 +16,6 @@
 #include <cstdio>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "line_settings.h"
 #include "mhi_monitor.h"

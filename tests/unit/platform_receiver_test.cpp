@@ -9,7 +9,6 @@
 
 #include <array>
 #include <chrono>
-#include <cstdlib>
 #include <string_view>
 #include <thread>
 

@@ -1,5 +1,4 @@
 // The stand-ins of the QMI libraries: messages as TLVs, and their way between service and client.
-#include <fcntl.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <sys/socket.h>

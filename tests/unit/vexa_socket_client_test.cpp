@@ -13,7 +13,6 @@
 #include <memory>
 #include <random>
 #include <string>
-#include <vector>
 
 #include "platform_pack.h"
 #include "system_calls.h"

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <functional>
-#include <memory>
 #include <optional>
 #include <ostream>
 #include <string>

@@ -1,8 +1,6 @@
 #include "host_port.h"
 
 #include <array>
-#include <cerrno>
-#include <cstring>
 
 #include "module.h"
 
@@ -47,14 +45,6 @@ std::string HostPort::expect_up_to(std::string_view text, Here here) {
     const std::size_t end = received_.find(text) + text.size();
     std::string all = received_.substr(0, end);
     received_.erase(0, end);
-    return all;
-}
-
-std::string HostPort::expect_bytes(std::size_t count, Here here) {
-    module_.wait_until([&] { return received_.size() >= count; },
-                       path_ + ": " + std::to_string(count) + " bytes", here);
-    std::string all = received_.substr(0, count);
-    received_.erase(0, count);
     return all;
 }
 

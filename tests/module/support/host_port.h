@@ -21,8 +21,6 @@ class HostPort {
     void expect(std::string_view bytes, Here here = Here::current());
     // Whatever comes until this text has come; gives all of it back, the text included.
     std::string expect_up_to(std::string_view text, Here here = Here::current());
-    // At least so many bytes, taken.
-    std::string expect_bytes(std::size_t count, Here here = Here::current());
     // What has come and was not yet expected. For messages; absence is shown by a later marker.
     const std::string& received() const { return received_; }
     void forget_received() { received_.clear(); }

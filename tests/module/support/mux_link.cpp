@@ -40,10 +40,6 @@ bool MuxLink::expect(int dlci, std::string_view text, Here here) {
                       "\"" + bench::visible(text) + "\" on DLCI " + std::to_string(dlci), here);
 }
 
-void MuxLink::expect_stray(std::string_view text, Here here) {
-    module_.wait_until([&] { return host().take_stray(text); }, bench::visible(text), here);
-}
-
 bool MuxLink::flush(Here here) {
     const std::string output = host_.take_output();
     return output.empty() || write(output, here);

@@ -1,7 +1,6 @@
 // The multiplexing host on a module's UART.
 #pragma once
 
-#include <chrono>
 #include <string>
 #include <string_view>
 
@@ -22,8 +21,6 @@ class MuxLink {
     [[nodiscard]] bool expect(int dlci, std::string_view text, Here here = Here::current());
     // Bytes as they stand.
     [[nodiscard]] bool send_raw(std::string_view bytes, Here here = Here::current());
-    // A text outside frames.
-    void expect_stray(std::string_view text, Here here = Here::current());
 
     // What came and is still not taken.
     bench::MuxHost& host();
