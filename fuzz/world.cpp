@@ -19,12 +19,11 @@ namespace world {
 namespace {
 
 constexpr int64_t kNsInMs = 1'000'000;
+constexpr int64_t kNsInSecond = 1'000 * kNsInMs;
 constexpr int64_t kStartNs = 1'700'000'000'000'000'123;  // any; the fuzzers' year does not matter
 constexpr std::size_t kMostDescriptors = 100;
 // So many waits for nothing in a row end a loop as one without end does.
 constexpr int kMostIdlePolls = 8;
-// The longest wait that the daemon knows.
-constexpr int64_t kLongestWaitNs = 10'000 * kNsInMs;
 
 // A plain area: it has to be valid while libFuzzer's own start and end use the wrapped calls.
 struct State {
@@ -257,7 +256,7 @@ unsigned __real_sleep(unsigned seconds);
 int __real_usleep(useconds_t microseconds);
 int __real_gettimeofday(timeval* now, void* zone);
 int __real_clock_gettime(clockid_t clock, timespec* now);
-int __real_pthread_cond_timedwait(pthread_cond_t* cond, pthread_mutex_t* mutex,
+int __real_pthread_cond_clockwait(pthread_cond_t* cond, pthread_mutex_t* mutex, clockid_t clock,
                                   const timespec* deadline);
 [[noreturn]] void __real_abort();
 
@@ -393,19 +392,22 @@ int __wrap_clock_gettime(clockid_t clock, timespec* now) {
     return 0;
 }
 
-int __wrap_pthread_cond_timedwait(pthread_cond_t* cond, pthread_mutex_t* mutex,
+int __wrap_pthread_cond_clockwait(pthread_cond_t* cond, pthread_mutex_t* mutex, clockid_t clock,
                                   const timespec* deadline) {
     if (!t_is_inside)
-        return __real_pthread_cond_timedwait(cond, mutex, deadline);
+        return __real_pthread_cond_clockwait(cond, mutex, clock, deadline);
+    HOLDS(clock == CLOCK_MONOTONIC);
     HOLDS(deadline->tv_nsec >= 0 && deadline->tv_nsec < 1'000'000'000);
+    const int64_t longest = deadline->tv_sec * kNsInSecond + deadline->tv_nsec - state().now_ns;
+    HOLDS(longest == 5 * kNsInSecond || longest == 10 * kNsInSecond);
     HOLDS(!world::is_free(mutex));
     pthread_mutex_unlock(mutex);
     if (state().reader)
         state().reader();
-    const int64_t waited = std::min(state().answer_ns, world::kLongestWaitNs);
+    const int64_t waited = std::min(state().answer_ns, longest);
     state().now_ns += waited;
     pthread_mutex_lock(mutex);
-    return waited < world::kLongestWaitNs ? 0 : ETIMEDOUT;
+    return waited < longest ? 0 : ETIMEDOUT;
 }
 
 [[noreturn]] void __wrap_abort() {

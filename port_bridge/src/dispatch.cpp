@@ -1,9 +1,6 @@
 #include "dispatch.h"
 
-#include <sys/time.h>
-
 #include <cstring>
-#include <ctime>
 
 #include "answer_count.h"
 #include "command_match.h"
@@ -18,6 +15,7 @@
 #include "platform_link.h"
 #include "port_state.h"
 #include "shared_int.h"
+#include "signal_wait.h"
 
 namespace {
 
@@ -53,15 +51,6 @@ bool is_mux_active() {
 
 bool path_holds(const char* path, const char* name) {
     return path != nullptr && strstr(path, name) != nullptr;
-}
-
-// No predicate: whoever signals first ends the wait, and a signal that came before it is lost.
-void wait_for_answer(const Command& command, int seconds) {
-    timeval now{};
-    gettimeofday(&now, nullptr);
-    const timespec deadline = {now.tv_sec + seconds, now.tv_usec * 1000};
-    const MutexGuard guard(command.mutex);
-    pthread_cond_timedwait(command.cond, command.mutex, &deadline);
 }
 
 // `used_fd` is the number written to, for a message: it may be another file's by then.
@@ -130,7 +119,7 @@ int send_to_cp(const Command& command) {
     if (is_mux_active())
         return 0;
     const int64_t start = monotonic_ns();
-    wait_for_answer(command, kCpWaitSeconds);
+    wait_for_signal(command.cond, command.mutex, kCpWaitSeconds);
     count_answer(*command.tinfo, monotonic_ns() - start);
     return 0;
 }
@@ -163,7 +152,7 @@ int send_to_platform(const Command& command) {
     if (result == kSendToCp)
         result = send_to_cp(command);
     else if (result >= command.length && !is_mux_active())
-        wait_for_answer(command, kPlatformWaitSeconds);
+        wait_for_signal(command.cond, command.mutex, kPlatformWaitSeconds);
     if (result >= 0)
         return result;
     VEXA_LOG("!!!!!send_data_to_app_platform(USB_PORT_ATCMD_MODE) faile!!!!!%d,%d,%d.\r\n", result,

@@ -2,7 +2,6 @@
 
 #include <poll.h>
 #include <sys/socket.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -23,12 +22,13 @@
 #include "platform_link.h"
 #include "shared_int.h"
 #include "signal_pause.h"
+#include "signal_wait.h"
 #include "vexa_socket_client.h"
 
 namespace {
 
 constexpr useconds_t kStartPauseUs = 500'000;
-constexpr time_t kCpWaitSeconds = 5;
+constexpr int kCpWaitSeconds = 5;
 constexpr int64_t kRetryPauseMs = 1000;
 constexpr int kShutDownLength = 255;
 constexpr short kPollEvents = POLLIN | POLLPRI | POLLERR | POLLHUP;
@@ -113,16 +113,10 @@ bool is_shut_down_signal(std::string_view answer) {
            std::all_of(answer.begin(), answer.end(), [](char byte) { return byte == '+'; });
 }
 
-// A command that went to CP as well is answered in the order CP, platform. Timed and without a
-// predicate: whatever wakes it, the answer goes on.
+// A command that went to CP as well is answered in the order CP, platform. Whatever ends the wait,
+// the answer goes on.
 void wait_for_cp(const PortRecord& port) {
-    timespec deadline{};
-    clock_gettime(CLOCK_REALTIME, &deadline);
-    deadline.tv_sec += kCpWaitSeconds;
-    {
-        const MutexGuard lock(&g_mut_ap_with_cp);
-        pthread_cond_timedwait(&g_cond_ap_with_cp, &g_mut_ap_with_cp, &deadline);
-    }
+    wait_for_signal(&g_cond_ap_with_cp, &g_mut_ap_with_cp, kCpWaitSeconds);
     VEXA_LOG(
         "!!!!!<<<<<<<<<<<<<<<<<<<< %s timeout <<<<<<<<<<<<<<<<<<<!!!!! cond:%p, mutex:%p, %d.\r\n",
         port.log_name, static_cast<void*>(&g_cond_ap_with_cp),

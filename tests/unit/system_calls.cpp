@@ -232,6 +232,15 @@ int __wrap_pthread_cond_signal(pthread_cond_t* cond) {
     return own != nullptr ? (*own)(cond) : __real_pthread_cond_signal(cond);
 }
 
+int __real_pthread_cond_clockwait(pthread_cond_t* cond, pthread_mutex_t* mutex, clockid_t clock,
+                                  const timespec* deadline);
+int __wrap_pthread_cond_clockwait(pthread_cond_t* cond, pthread_mutex_t* mutex, clockid_t clock,
+                                  const timespec* deadline) {
+    const auto* own = taken(&TakenCalls::pthread_cond_clockwait);
+    return own != nullptr ? (*own)(cond, mutex, clock, deadline)
+                          : __real_pthread_cond_clockwait(cond, mutex, clock, deadline);
+}
+
 int __real_pthread_mutex_unlock(pthread_mutex_t* mutex);
 int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
     const auto* own = taken(&TakenCalls::pthread_mutex_unlock);

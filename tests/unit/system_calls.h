@@ -62,6 +62,8 @@ struct TakenCalls {
     std::function<int(pthread_t*, const pthread_attr_t*, ThreadEntry, void*)> pthread_create;
     std::function<int(pthread_t)> pthread_join;
     std::function<int(pthread_cond_t*)> pthread_cond_signal;
+    std::function<int(pthread_cond_t*, pthread_mutex_t*, clockid_t, const timespec*)>
+        pthread_cond_clockwait;
     std::function<int(pthread_mutex_t*)> pthread_mutex_unlock;
     std::function<int(useconds_t)> usleep;
     std::function<int(int fd, unsigned long request, void* argument)> ioctl;
