@@ -364,10 +364,10 @@ class Check:
             users = self.builder.needs.get(site.file, set())
             bodies = [body for body in self.reader.bodies if body.file in users]
         numbers = {body.number for body in bodies}
-        found = [test for test in self.tests.all if numbers & test.reached]
-        own = Path(site.file).stem  # of pure functions that are checked while compiling
-        return found or [test for test in self.tests.all
-                         if own.replace("_", "").lower() in test.name.lower()]
+        # Tables and pure functions that are checked while compiling have no body to come by.
+        own = Path(site.file).stem.replace("_", "").lower()
+        return [test for test in self.tests.all
+                if numbers & test.reached or own in test.name.lower()]
 
     def outcome(self, site: Site) -> Outcome:
         try:
