@@ -257,14 +257,14 @@ int handle_ppp_data(const Input& input) {
     return write_chunk_to_cp(input);
 }
 
-int handle_platform_data(const Input& input) {
+// `mode` is the one that the chunk was taken for data in: the platform may end data mode meanwhile.
+int handle_platform_data(const Input& input, int mode) {
     char answer[kAnswerAreaSize];  // text, as far as its NUL
     memcpy(answer, kPlatformDownText, sizeof kPlatformDownText);
     int answer_length = 0;
     const int length = length_of(input.data);
     if (length == 1 && input.data.front() == kCtrlZ)
         VEXA_LOG("we got ctrl+z, exit data mode. %d.%d.%d.\n", length, 0, 0);
-    const int mode = load_shared(*input.mode);
     const int sent = send_data_to_app_platform(input.port, input.socketfd, input.data.data(),
                                                length, 0, answer, &answer_length, mode);
     if (sent <= 0)
@@ -282,7 +282,7 @@ int handle_chunk(const Input& input) {
         case USB_PORT_PPP_MODE:
             return handle_ppp_data(input);
         case USB_PORT_DATA_MODE:
-            return handle_platform_data(input);
+            return handle_platform_data(input, mode);
         case USB_PORT_CMUX_MODE:
             return handle_mux_input(input.data.data(), length_of(input.data));
         default:

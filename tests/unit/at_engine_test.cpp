@@ -1,8 +1,12 @@
 #include "at_engine.h"
 
+#include <cstdio>
+#include <functional>
 #include <random>
+#include <utility>
 
 #include "engine_fixture.h"
+#include "platform_pack.h"
 
 namespace {
 
@@ -298,6 +302,42 @@ TEST_P(Engine, DataGoesToThePlatform) {
     EXPECT_EQ(own.mode(), USB_PORT_DATA_MODE);
     EXPECT_TRUE(own.cp.messages().empty());
     EXPECT_EQ(all_hosts(), "");
+}
+
+// Does `work` at each write of the log, in place of standard output.
+class WorkAtLogWrites {
+  public:
+    explicit WorkAtLogWrites(std::function<void()> work) : work_(std::move(work)) {
+        const cookie_io_functions_t calls{nullptr,
+                                          [](void* own, const char*, std::size_t size) {
+                                              static_cast<WorkAtLogWrites*>(own)->work_();
+                                              return static_cast<ssize_t>(size);
+                                          },
+                                          nullptr, nullptr};
+        FILE* const stream = fopencookie(this, "w", calls);
+        setvbuf(stream, nullptr, _IONBF, 0);
+        standard_ = std::exchange(stdout, stream);
+    }
+    ~WorkAtLogWrites() { fclose(std::exchange(stdout, standard_)); }
+    WorkAtLogWrites(const WorkAtLogWrites&) = delete;
+    WorkAtLogWrites& operator=(const WorkAtLogWrites&) = delete;
+
+  private:
+    std::function<void()> work_;
+    FILE* standard_ = nullptr;
+};
+
+// The platform may end data mode at any time; its answer is here while Ctrl-Z is being logged.
+TEST_P(Engine, DataGoesOutAsDataWhenTheModeMovesMeanwhile) {
+    own.set_mode(USB_PORT_DATA_MODE);
+    {
+        const WorkAtLogWrites platform([this] { own.set_mode(USB_PORT_ATCMD_MODE); });
+        EXPECT_EQ(own.feed("\x1A"), 1);
+    }
+    ASSERT_EQ(own.mode(), USB_PORT_ATCMD_MODE);
+    const std::string pack = own.platform.bytes();
+    ASSERT_EQ(pack.size(), kPackHeadsSize + 1);
+    EXPECT_EQ(disassemble_sockhead(pack).cmd_type, CMD_AT_DATA);
 }
 
 TEST_P(Engine, DataWithoutAPlatformIsAnsweredOnTheUsbPorts) {
