@@ -158,6 +158,27 @@ TEST_P(Engine, SpacesOutsideQuotesAreRemoved) {
               (Lines{"AT+CFUN=1\r", "AT+CMGS=\"a b\",145\r", "AT+CFUN=\"a b\r"}));
 }
 
+TEST_P(Engine, AChunkThatEndsALineIsOneLine) {
+    struct {
+        const char* chunk;
+        int result;
+        Lines sent;
+        const char* why;
+    } const rows[] = {
+        {" AT\r", 1, {"AT\r"}, "spaces are gone before the line is judged"},
+        {"A /\r", 0, {}, "no repeat: that is looked for before spaces go"},
+        {"AT\rAT+CFUN?\r", 1, {"AT\rAT+CFUN?\r"}, "an end within the chunk ends nothing"},
+        {"AT\rAT+CFUN ?\r", 1, {"AT\r"}, "but the removal of spaces stops there"},
+    };
+    own.feed("AT+COPS?\r");  // what a repeat would bring
+    own.cp.messages();
+    for (const auto& row : rows) {
+        EXPECT_EQ(own.feed(row.chunk), row.result) << row.why;
+        EXPECT_EQ(own.cp.messages(), row.sent) << row.why;
+        EXPECT_EQ(own.line(), "") << row.why;
+    }
+}
+
 TEST_P(Engine, TextEndsAtANul) {
     own.feed(std::string("AT+CFUN\0=5\r", 11));
     own.feed("?\r");
@@ -169,6 +190,16 @@ TEST_P(Engine, ALineOfFullLengthIsSent) {
     own.feed(line.substr(0, 10000));
     EXPECT_EQ(own.feed(line.substr(10000)), 1);
     EXPECT_EQ(own.cp.messages(), (Lines{line}));
+}
+
+// Without an S3 character to stop at, the removal of spaces appends one behind the 16,384 bytes
+// that it keeps, and a NUL. The line has no room for that S3: it is cut off again.
+TEST_P(Engine, ALineOfFullLengthThatKeepsItsSpacesIsSentAsItIs) {
+    const std::string start = "AT+X=\" ";
+    const std::string line = start + std::string(kDeviceReadSize - start.size() - 1, 'y') + "\x1A";
+    EXPECT_EQ(own.feed(line), 1);
+    EXPECT_EQ(own.cp.messages(), (Lines{line}));
+    EXPECT_EQ(own.line(), "");
 }
 
 TEST_P(Engine, AnOverlongLineIsDroppedToItsEnd) {

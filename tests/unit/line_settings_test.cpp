@@ -1,5 +1,7 @@
 #include "line_settings.h"
 
+#include <optional>
+
 #include "input_source.h"
 #include "port_state.h"
 #include "shared_int.h"
@@ -86,29 +88,51 @@ TEST_F(LineSettings, S3AtZeroCanBeRestored) {
     EXPECT_EQ(s3_char(), 13);
 }
 
+// Each line from every state of the two settings: what it does not set stays.
 TEST_F(LineSettings, EchoAndVerbose) {
+    constexpr int kOn = -99;
+    constexpr int kOff = 99;
+    constexpr std::optional<int> kKept;
     struct {
         const char* line;
-        int echo, verbose;
+        std::optional<int> echo, verbose;
         const char* why;
     } const rows[] = {
-        {"ATE0\r", 99, 1, "echo off"},
-        {"ate1\r", kEchoOn, 1, "echo on"},
-        {"ATE2\r", kEchoOn, 1, "no such value"},
-        {"ATV0\r", kEchoOn, 0, "terse"},
-        {"atv1\r", kEchoOn, 1, "verbose"},
-        {"ATV7\r", kEchoOn, 1, "no such value"},
-        {"ATE0V0\r", kEchoOff, 1, "only the echo"},
-        {"ATV0E0\r", kEchoOff, 1, "only the echo, in any order"},
-        {"ATQ0\r", kEchoOn, 1, "neither"},
+        {"ATE0\r", kOff, kKept, "echo off"},
+        {"ate0\r", kOff, kKept, "in small letters"},
+        {"ATE1\r", kOn, kKept, "echo on"},
+        {"ate1\r", kOn, kKept, "in small letters"},
+        {"ATE2\r", kKept, kKept, "no such value"},
+        {"ate2\r", kKept, kKept, "no such value"},
+        {"ATE\r", kKept, kKept, "no value"},
+        {"ATV0\r", kKept, 0, "terse"},
+        {"atv0\r", kKept, 0, "in small letters"},
+        {"ATV1\r", kKept, 1, "verbose"},
+        {"atv1\r", kKept, 1, "in small letters"},
+        {"ATV7\r", kKept, kKept, "no such value"},
+        {"atv7\r", kKept, kKept, "no such value"},
+        {"ATE0V0\r", kOff, kKept, "only the echo"},
+        {"ATE1V1\r", kOn, kKept, "only the echo"},
+        {"ATV0E0\r", kOff, kKept, "only the echo, in any order"},
+        {"ATE2V0\r", kKept, 0, "no such echo, so the other counts"},
+        {"ATE1E0\r", kOff, kKept, "off is looked for first"},
+        {"ate1E0\r", kOn, kKept, "small letters are looked for first"},
+        {"ATV1V0\r", kKept, 0, "terse is looked for first"},
+        {"atv1V0\r", kKept, 1, "small letters are looked for first"},
+        {"ATQ0\r", kKept, kKept, "neither"},
     };
-    for (const auto& row : rows) {
-        reset();
-        current_line().assign(row.line);
-        set_atevq_status_flag();
-        EXPECT_EQ(load_shared(g_client_ate_status), row.echo) << row.line << ": " << row.why;
-        EXPECT_EQ(load_shared(g_client_atv_status), row.verbose) << row.line << ": " << row.why;
-    }
+    for (const auto& row : rows)
+        for (const int echo : {kOn, kOff})
+            for (const int verbose : {1, 0}) {
+                store_shared(g_client_ate_status, echo);
+                store_shared(g_client_atv_status, verbose);
+                current_line().assign(row.line);
+                set_atevq_status_flag();
+                EXPECT_EQ(load_shared(g_client_ate_status), row.echo.value_or(echo))
+                    << row.line << ": " << row.why;
+                EXPECT_EQ(load_shared(g_client_atv_status), row.verbose.value_or(verbose))
+                    << row.line << ": " << row.why;
+            }
 }
 
 TEST_F(LineSettings, WhatBecameOfALineIsLogged) {
