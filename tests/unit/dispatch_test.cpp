@@ -1,6 +1,10 @@
 #include "dispatch.h"
 
+#include <fcntl.h>
+
+#include <cerrno>
 #include <chrono>
+#include <ctime>
 
 #include "engine_fixture.h"
 #include "refusing_mutex.h"
@@ -18,6 +22,18 @@ std::string last_line(const TestPort& port) {
     char area[kTextAreaSize];
     port.record.last_line.copy_to(area, sizeof area);
     return area;
+}
+
+// From now on CP's channel is open and takes no write; its descriptor.
+int refuse_writes(Device& cp) {
+    if (cp.daemon_fd >= 0)
+        close(cp.daemon_fd);
+    cp.daemon_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    return cp.daemon_fd;
+}
+
+bool is_open(int fd) {
+    return fcntl(fd, F_GETFD) >= 0;
 }
 
 class Dispatch : public EveryPort {};
@@ -56,15 +72,22 @@ TEST_P(Dispatch, EchoOffIsRecordedFromTheLineBeingSent) {
     EXPECT_EQ(own.to_platform(), (Lines{"ATE0\r"}));
 }
 
-TEST_P(Dispatch, EchoIsLeftAloneWhenCpCannotBeTold) {
-    own.cp.daemon_fd = -1;
-    testing::internal::CaptureStdout();
-    own.feed("ATE0\r");
-    EXPECT_NE(testing::internal::GetCapturedStdout().find(
-                  "write_to_device forward_exc_atcmd_to_cp_too failed. "),
-              std::string::npos);
-    EXPECT_EQ(load_shared(g_client_ate_status), kEchoOn);
-    EXPECT_EQ(own.to_platform(), (Lines{"ATE0\r"})) << "the platform is asked all the same";
+TEST_P(Dispatch, EchoIsLeftAloneWhenCpCannotBeToldAndItsChannelIsClosed) {
+    for (const char* line : {"ATE0\r", "ATQ0\r", "ATV0\r", "ATS0=1\r", "AT+CMEE=1\r"}) {
+        const int channel = refuse_writes(own.cp);
+        testing::internal::CaptureStdout();
+        own.feed(line);
+        const std::string log = testing::internal::GetCapturedStdout();
+        const auto closed = log.find("close_fd_mutexed file_path close:");
+        const auto told = log.find("write_to_device forward_exc_atcmd_to_cp_too failed. ");
+        EXPECT_NE(told, std::string::npos) << line;
+        EXPECT_LT(closed, told) << line;
+        EXPECT_EQ(own.cp.daemon_fd, -1) << line;
+        EXPECT_FALSE(is_open(channel)) << line;
+        EXPECT_EQ(load_shared(g_client_ate_status), kEchoOn) << line;
+        EXPECT_EQ(load_shared(g_client_atv_status), 1) << line;
+        EXPECT_EQ(own.to_platform(), (Lines{line})) << "the platform is asked all the same";
+    }
 }
 
 TEST_P(Dispatch, InOtherModesThePlatformIsNotAsked) {
@@ -122,14 +145,68 @@ TEST_P(Dispatch, AnAnswerBeforeTheWriteReturnsFindsItsCommand) {
 }
 
 TEST_P(Dispatch, AFailedWriteClosesTheChannelAndMarksNothing) {
-    own.cp.daemon_fd = -1;
-    testing::internal::CaptureStdout();
+    for (const int channel : {refuse_writes(own.cp), -1}) {  // open; then closed already
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(dispatch(own, "AT+CFUN?\r"), -1);
+        EXPECT_THAT(testing::internal::GetCapturedStdout(),
+                    testing::HasSubstr("send_atcmd_to_cp close_fd_mutexed 1 '" +
+                                       std::to_string(channel) + "'..."));
+        EXPECT_EQ(own.cp.daemon_fd, -1);
+        EXPECT_FALSE(is_open(channel));
+        EXPECT_EQ(load_shared(own.record.send_done), 0);
+        EXPECT_EQ(last_line(own), "AT+CFUN?\r");
+    }
+}
+
+// An earlier command timed out and its answer may still come.
+TEST_P(Dispatch, AFailedWriteLeavesTheMarkOfTheCommandBefore) {
+    dispatch(own, "AT+CFUN?\r");
+    ASSERT_EQ(load_shared(own.record.send_done), 1);
+    refuse_writes(own.cp);
     EXPECT_EQ(dispatch(own, "AT+CFUN?\r"), -1);
-    EXPECT_NE(
-        testing::internal::GetCapturedStdout().find("send_atcmd_to_cp close_fd_mutexed 1 '-1'..."),
-        std::string::npos);
-    EXPECT_EQ(load_shared(own.record.send_done), 0);
-    EXPECT_EQ(last_line(own), "AT+CFUN?\r");
+    EXPECT_EQ(load_shared(own.record.send_done), 1);
+}
+
+struct Wait {
+    pthread_cond_t* cond;
+    pthread_mutex_t* mutex;
+    int64_t seconds;
+    bool operator==(const Wait&) const = default;
+};
+
+TEST_P(Dispatch, EachWaitIsThePortsOwnAndAsLongAsItsSide) {
+    constexpr int64_t kNow = 1000;
+    std::vector<Wait> waits;
+    TakenCalls calls;
+    calls.clock_gettime = [](clockid_t /*clock*/, timespec* now) {
+        *now = {kNow, 0};
+        return 0;
+    };
+    calls.pthread_cond_clockwait = [&waits](pthread_cond_t* cond, pthread_mutex_t* mutex,
+                                            clockid_t /*clock*/, const timespec* deadline) {
+        waits.push_back({cond, mutex, deadline->tv_sec - kNow});
+        return ETIMEDOUT;
+    };
+    struct {
+        const char* line;
+        int seconds;
+        bool is_platform_there;
+        const char* why;
+    } const rows[] = {
+        {"AT+CFUN?\r", 10, true, "CP's"},
+        {"AT+CSQ\r", 5, true, "the platform's"},
+        {"ATE1\r", 5, true, "both: only the platform is waited for"},
+        {"AT+CSQ\r", 10, false, "CP in the platform's place"},
+    };
+    for (const auto& row : rows) {
+        if (!row.is_platform_there)
+            store_shared(own.record.platform_socket, -1);
+        waits.clear();
+        dispatch(own, row.line);
+        EXPECT_EQ(waits, (std::vector<Wait>{
+                             {&own.record.response_cond, &own.record.response_mutex, row.seconds}}))
+            << row.why;
+    }
 }
 
 TEST_P(Dispatch, LinesForCpAreWrittenUnderItsLockAlone) {
@@ -165,6 +242,15 @@ TEST_P(Dispatch, MissingArgumentsSendNothing) {
 }
 
 class DispatchWait : public EngineFixture {};
+
+TEST_F(DispatchWait, ACommandFromThePciePipeMarksNoPort) {
+    const Answerer answerer(g_cond_atport);
+    at_port.tinfo.from_file_path = "/dev/mhi_pipe_32";
+    EXPECT_EQ(dispatch(at_port, "AT+CFUN?\r"), 0);
+    EXPECT_EQ(at_port.cp.messages(), (Lines{"AT+CFUN?\r"}));
+    for (const PortRecord& record : g_ports)
+        EXPECT_EQ(load_shared(record.send_done), 0) << record.log_name;
+}
 
 // A wait would have to lock this mutex, which says so instead of blocking.
 TEST_F(DispatchWait, NoCommandWaitsWhileTheMultiplexerRuns) {
@@ -224,6 +310,57 @@ TEST_F(DispatchWait, AQuickAnswerResetsTheCountOnTheDevicesGivenOnly) {
         modem_port.tinfo.to_file_path = row.channel;
         dispatch(modem_port, "AT+CFUN?\r");
         EXPECT_EQ(load_shared(g_is_cp_timeout_times), row.after) << row.channel;
+    }
+}
+
+TEST_F(DispatchWait, SlowAnswersInARowAreLoggedFromTheSixthOn) {
+    constexpr int64_t kSecond = 1'000'000'000;
+    struct {
+        const char* channel;
+        int64_t answer_ns;  // after how long it comes
+        const char* said;   // null: nothing
+        const char* why;
+    } const rows[] = {
+        {"/dev/at_mdm0", 3 * kSecond + 1, nullptr, "slow, the first in a row"},
+        {"/dev/at_mdm0", 10 * kSecond, nullptr, "second"},
+        {"/dev/at_mdm0", 10 * kSecond, nullptr, "third"},
+        {"/dev/at_mdm0", 10 * kSecond, nullptr, "fourth"},
+        {"/dev/at_mdm0", 10 * kSecond, nullptr, "fifth"},
+        {"/dev/at_mdm0", 3 * kSecond + 1, "6, 0, 0.\r\n", "sixth"},
+        {"/dev/at_mdm0", 10 * kSecond, "7, 0, 0.\r\n", "and at every further one"},
+        {"/dev/smd7", 10 * kSecond, nullptr, "not counted"},
+        {"/dev/smd7", 1 * kSecond, nullptr, "not counted"},
+        {"/dev/at_smd7", 10 * kSecond, "8, 0, 0.\r\n", "one count for all"},
+        {"/dev/at_mdm0", 3 * kSecond, nullptr, "quick"},
+        {"/dev/at_mdm0", 10 * kSecond, nullptr, "the first in a row again"},
+        {"/dev/at_mdm0", 10 * kSecond, nullptr, "second"},
+        {"/dev/at_mdm0", 10 * kSecond, nullptr, "third"},
+        {"/dev/at_mdm0", 10 * kSecond, nullptr, "fourth"},
+        {"/dev/at_mdm0", 10 * kSecond, nullptr, "fifth"},
+        {"/dev/at_mdm0", 10 * kSecond, "6, 0, 0.\r\n", "sixth"},
+    };
+    const std::string complaint = "!!!!! vexa_at_client exit bls cp error.!!!!! ";
+    int64_t passed_ns = 0;  // time passes in the wait alone
+    int64_t answer_ns = 0;
+    TakenCalls calls;
+    calls.clock_gettime = [&passed_ns](clockid_t /*clock*/, timespec* now) {
+        *now = {passed_ns / kSecond, passed_ns % kSecond};
+        return 0;
+    };
+    calls.pthread_cond_clockwait = [&](auto...) {
+        passed_ns += answer_ns;
+        return answer_ns < 10 * kSecond ? 0 : ETIMEDOUT;
+    };
+    for (const auto& row : rows) {
+        modem_port.tinfo.to_file_path = row.channel;
+        answer_ns = row.answer_ns;
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(dispatch(modem_port, "AT+CFUN?\r"), 0);
+        const std::string log = testing::internal::GetCapturedStdout();
+        if (row.said == nullptr)
+            EXPECT_THAT(log, testing::Not(testing::HasSubstr(complaint))) << row.why;
+        else
+            EXPECT_THAT(log, testing::HasSubstr(complaint + row.said)) << row.why;
     }
 }
 

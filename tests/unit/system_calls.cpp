@@ -241,6 +241,12 @@ int __wrap_pthread_cond_clockwait(pthread_cond_t* cond, pthread_mutex_t* mutex, 
                           : __real_pthread_cond_clockwait(cond, mutex, clock, deadline);
 }
 
+int __real_clock_gettime(clockid_t clock, timespec* now);
+int __wrap_clock_gettime(clockid_t clock, timespec* now) {
+    const auto* own = taken(&TakenCalls::clock_gettime);
+    return own != nullptr ? (*own)(clock, now) : __real_clock_gettime(clock, now);
+}
+
 int __real_pthread_mutex_unlock(pthread_mutex_t* mutex);
 int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
     const auto* own = taken(&TakenCalls::pthread_mutex_unlock);

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <ctime>
 #include <functional>
 #include <string>
 
@@ -64,6 +65,7 @@ struct TakenCalls {
     std::function<int(pthread_cond_t*)> pthread_cond_signal;
     std::function<int(pthread_cond_t*, pthread_mutex_t*, clockid_t, const timespec*)>
         pthread_cond_clockwait;
+    std::function<int(clockid_t, timespec*)> clock_gettime;
     std::function<int(pthread_mutex_t*)> pthread_mutex_unlock;
     std::function<int(useconds_t)> usleep;
     std::function<int(int fd, unsigned long request, void* argument)> ioctl;
