@@ -71,7 +71,8 @@ void keep_last_line(const Command& command) {
 
 // Tells the readers that an answer of CP is awaited on the port that the line came from. Done
 // before the write, and taken back when that fails: CP may answer before write() returns, and a
-// mark that its final result did not find would hold up the platform's next answer.
+// mark that its final result did not find would hold up the platform's next answer. A late result
+// of an earlier command takes the mark away: nothing tells it from this command's own.
 class SentMark {
   public:
     explicit SentMark(const thread_info_t& tinfo) {
