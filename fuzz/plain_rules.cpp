@@ -17,7 +17,7 @@ std::string lower(std::string_view text) {
 }
 
 bool begins(const std::string& line, std::string_view prefix) {
-    return lower(line).substr(0, prefix.size()) == lower(prefix);
+    return lower(line.substr(0, prefix.size())) == lower(prefix);
 }
 
 bool has(std::string_view text, std::string_view part) {
