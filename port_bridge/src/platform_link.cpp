@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <string_view>
@@ -22,9 +23,11 @@ constexpr useconds_t kRetryPauseUs = 100'000;
 constinit pthread_mutex_t g_connection_locks[kPortCount] = {
     PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER};
 
-// Made by whichever thread asks first.
-pthread_once_t g_wake_once = PTHREAD_ONCE_INIT;
+// Made by whichever thread asks first, once the system has a descriptor for it.
+constinit pthread_mutex_t g_wake_lock = PTHREAD_MUTEX_INITIALIZER;
 int g_wake = -1;
+
+std::array<int, kPortCount> g_lacked_socket = {};  // 1, once and for all
 
 pthread_mutex_t* connection_lock(const PortRecord& port) {
     return &g_connection_locks[port.index];
@@ -101,6 +104,8 @@ int send_to_platform(const PortRecord* port, int socketfd, const Message& messag
 
 int init_port_connection(PortIndex index) {
     const int result = open_platform_connection(g_ports[index]);
+    if (result == kNoSocket)
+        store_shared(g_lacked_socket[index], 1);
     const uint64_t one = 1;
     if (write(platform_wake_descriptor(), &one, sizeof one) < 0)
         VEXA_LOG("waking the platform receiver failed, errno:%d.\r\n", errno);
@@ -110,8 +115,16 @@ int init_port_connection(PortIndex index) {
 }  // namespace
 
 int platform_wake_descriptor() {
-    pthread_once(&g_wake_once, [] { g_wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK); });
+    if (const int made = load_shared(g_wake); made >= 0)
+        return made;
+    const MutexGuard lock(&g_wake_lock);
+    if (g_wake < 0)
+        store_shared(g_wake, eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     return g_wake;
+}
+
+bool lacked_platform_socket(const PortRecord& port) {
+    return load_shared(g_lacked_socket[port.index]) == 1;
 }
 
 int open_platform_connection(const PortRecord& port) {

@@ -8,8 +8,9 @@
 #include "port_state.h"
 
 // Opens the port's connection and reports the port on it, as one step for senders. 0 on success
-// (also when it was open), -3 when the platform does not take it, -2 without a socket. After -3
-// the unconnected socket stays in the port's slot: the receiver sees it hang up and goes on trying.
+// (also when it was open), -3 when the platform does not take it, -2 without a socket. The receiver
+// goes on trying: after -3 the unconnected socket stays in the port's slot and hangs up, after -2
+// lacked_platform_socket tells.
 int init_socket_client();
 int init_socket_client_atport();
 int init_socket_client_uartport();
@@ -31,5 +32,9 @@ inline constexpr int kSendToCp = -6;
 // For the receiver: shuts the connection down, so that a sender stuck in it lets go, and closes it.
 void close_platform_connection(const PortRecord& port);
 int open_platform_connection(const PortRecord& port);
-// Readable when a connection was opened by another thread than the receiver.
+// Whether the port's init_socket_client... ever ended without a socket: an empty slot is then the
+// receiver's to fill.
+bool lacked_platform_socket(const PortRecord& port);
+// Readable when another thread than the receiver opened a connection or failed to; -1 while the
+// system has no descriptor for it.
 int platform_wake_descriptor();

@@ -52,14 +52,29 @@ struct Areas {
     char work[kTextAreaSize] = {};
 };
 
-void wait_until_connected() {
-    while (load_shared(g_loc_client_socket) < 0 || load_shared(g_loc_client_socket_atport) < 0)
-        usleep(kStartPauseUs);
+// Whether a host reader has tried to open it, with or without success.
+bool was_opened(const PortRecord& port) {
+    return load_shared(port.platform_socket) >= 0 || lacked_platform_socket(port);
+}
+
+void wait_until_opened() {
+    while (!was_opened(g_ports[kModemPort]) || !was_opened(g_ports[kAtPort])) usleep(kStartPauseUs);
+}
+
+void retry_later(Connection& connection) {
+    connection.retry_at_ms = monotonic_ms() + kRetryPauseMs;
 }
 
 void close_and_retry_later(Connection& connection) {
     close_platform_connection(*connection.port);
-    connection.retry_at_ms = monotonic_ms() + kRetryPauseMs;
+    retry_later(connection);
+}
+
+// A slot that a host reader could not fill never hangs up.
+void retry_if_never_made(Connection& connection) {
+    if (connection.retry_at_ms < 0 && load_shared(connection.port->platform_socket) < 0 &&
+        lacked_platform_socket(*connection.port))
+        retry_later(connection);
 }
 
 void hang_up(Connection& connection) {
@@ -72,7 +87,8 @@ void remake_if_due(Connection& connection) {
     if (connection.retry_at_ms < 0 || monotonic_ms() < connection.retry_at_ms)
         return;
     const char* name = kConnectionNames[connection.port->index];
-    if (open_platform_connection(*connection.port) == 0) {
+    const int result = open_platform_connection(*connection.port);
+    if (result == 0) {
         connection.retry_at_ms = -1;
         VEXA_LOG("new connection is %s OK again.\r\n", name);
         return;
@@ -80,12 +96,17 @@ void remake_if_due(Connection& connection) {
     VEXA_LOG("new connection %s is failed.(m_fd:%d,at_fd:%d, uart_fd:%d)sleep 3s...\r\n", name,
              load_shared(g_loc_client_socket), load_shared(g_loc_client_socket_atport),
              load_shared(g_loc_client_socket_uartport));
-    close_and_retry_later(connection);
+    // Without a socket there is nothing to close but what a host reader may have opened since.
+    if (result == kNoSocket)
+        retry_later(connection);
+    else
+        close_and_retry_later(connection);
 }
 
-// Until the next attempt; -1, no time-out, when no connection is being re-made.
-int poll_time_out(std::span<const Connection> connections) {
-    int64_t wait = -1;
+// Until the next attempt; -1, no time-out, when no connection is being re-made and whoever opens
+// one can wake the poll.
+int poll_time_out(std::span<const Connection> connections, bool can_be_woken) {
+    int64_t wait = can_be_woken ? -1 : kRetryPauseMs;
     for (const Connection& connection : connections) {
         if (connection.retry_at_ms < 0)
             continue;
@@ -225,14 +246,16 @@ void* recv_data_handler(void* arg) {
     for (const PortRecord& port : g_ports)
         connections[port.index] = {&port, &bridges[port.index], -1};
     static constinit Areas areas;  // one receiver
-    wait_until_connected();
+    wait_until_opened();
     for (;;) {
+        for (Connection& connection : connections) retry_if_never_made(connection);
         // Taken afresh on every pass: connections come late and are re-made.
         std::array<pollfd, kPortCount + 1> entries{};
         for (const PortRecord& port : g_ports)
             entries[port.index] = {load_shared(port.platform_socket), kPollEvents, 0};
-        entries[kPortCount] = {platform_wake_descriptor(), POLLIN, 0};
-        poll(entries.data(), entries.size(), poll_time_out(connections));
+        const int wake = platform_wake_descriptor();
+        entries[kPortCount] = {wake, POLLIN, 0};
+        poll(entries.data(), entries.size(), poll_time_out(connections, wake >= 0));
         forget_wake_up(entries[kPortCount]);
         for (Connection& connection : connections) {
             serve(connection, entries[connection.port->index], areas);
