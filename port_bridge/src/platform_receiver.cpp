@@ -165,7 +165,10 @@ void write_to_host(const thread_info_t& bridge, const char* answer, int length) 
         return;
     }
     const int pipe_fd = load_shared(*bridge.to_fd_pcie);
-    if (pipe_fd >= 0)
+    if (pipe_fd < 0)
+        VEXA_LOG("'%s' is closed, %d bytes of an answer dropped.\r\n", bridge.to_file_path_pcie,
+                 length);
+    else
         write_to_device(pipe_fd, bridge.to_file_path_pcie, length, answer);
 }
 

@@ -404,6 +404,23 @@ TEST_F(Receiver, ModesMoveBetweenCommandAndDataOnly) {
     }
 }
 
+// The host may type data as soon as it has read the answer.
+TEST_F(Receiver, DataModeBeginsBeforeTheAnswerThatAsksForItIsWritten) {
+    for (const PortRecord& port : g_ports) {
+        End& end = ends_[port.index];
+        pthread_mutex_lock(&end.host_mutex);
+        platform_answers(port.index, "CONNECT", CMD_AT_DATA);
+        for (const auto limit = Clock::now() + kDeadline;
+             load_shared(port.mode) != USB_PORT_DATA_MODE && Clock::now() < limit;)
+            std::this_thread::yield();
+        EXPECT_EQ(load_shared(port.mode), USB_PORT_DATA_MODE) << port.log_name;
+        pollfd entry{end.host[1], POLLIN, 0};
+        EXPECT_EQ(poll(&entry, 1, 0), 0) << port.log_name;
+        pthread_mutex_unlock(&end.host_mutex);
+        EXPECT_EQ(host_reads(port.index, 7), "CONNECT");
+    }
+}
+
 TEST_F(Receiver, TheLastPackOfAReadDecidesTheMode) {
     platform_sends(kAtPort, pack_of("a", CMD_AT_DATA) + pack_of("b", CMD_IND));
     EXPECT_EQ(host_reads(kAtPort, 2), "ab");
@@ -430,9 +447,33 @@ TEST_F(Receiver, AnAtAnswerTakesTheLivePcieAlone) {
     platform_answers(kAtPort, "piped");
     EXPECT_EQ(read_bytes(pipe_[1], 5), "piped");
     expect_answer(kModemPort, "modem", "modem");
+    const int open_pipe = load_shared(pipe_[0]);
+    store_shared(pipe_[0], -1);  // not opened yet, or lost: the answer goes nowhere
+    platform_sends_alone(kAtPort, pack_of("lost"));
+    store_shared(pipe_[0], open_pipe);
     store_shared(g_mhi_ctrl_state, VEXA_MHI_CTRL_DISCONNECTED_FULL);
     expect_answer(kAtPort, "usb", "usb");
     store_shared(g_vexa_pcie_enabled, VEXA_LINUX_TRISTATE_FALSE);
+    pollfd entry{pipe_[1], POLLIN, 0};
+    EXPECT_EQ(poll(&entry, 1, 0), 0) << "nothing but the first";
+}
+
+TEST_F(Receiver, LogsAnAnswerForALivePcieThatIsClosed) {
+    store_shared(g_vexa_pcie_enabled, VEXA_LINUX_TRISTATE_TRUE);
+    store_shared(g_mhi_ctrl_state, VEXA_MHI_CTRL_CONNECTED_FULL);
+    const int open_pipe = load_shared(pipe_[0]);
+    store_shared(pipe_[0], -1);
+    testing::internal::CaptureStdout();
+    platform_sends_alone(kAtPort, pack_of("lost"));
+    const std::string log = testing::internal::GetCapturedStdout();
+    store_shared(pipe_[0], open_pipe);
+    store_shared(g_mhi_ctrl_state, VEXA_MHI_CTRL_DISCONNECTED_FULL);
+    store_shared(g_vexa_pcie_enabled, VEXA_LINUX_TRISTATE_FALSE);
+    const auto dropped =
+        log.find("'/dev/mhi_pipe_32' is closed, 4 bytes of an answer dropped.\r\n");
+    EXPECT_NE(dropped, std::string::npos);
+    EXPECT_NE(log.find(" atport app-plat<<<<", dropped), std::string::npos)
+        << "its command is woken all the same";
 }
 
 // The signal is lost on a command that does not wait yet, so answers come until one wakes it.
