@@ -234,6 +234,13 @@ TEST_F(UdpDiversion, TakesAtPortBytesAndReturnsTheResultOfTheSend) {
     EXPECT_STREQ(received, "OK\r\n");
 }
 
+// Nobody can be sent anything at port 0. The answer is lost: it is not the device's.
+TEST_F(UdpDiversion, AFailedSendIsTheWritersFailureAndNothingForTheDevice) {
+    g_udp_sock_to_client_addr.sin_port = 0;
+    EXPECT_EQ(write_to_device(ends_[1], "/dev/at_usb1", 4, "OK\r\n"), -1);
+    EXPECT_EQ(drain(), "");
+}
+
 TEST_F(UdpDiversion, ComesBeforeTheTestOfTheDescriptor) {
     EXPECT_EQ(write_to_device(-1, "/dev/at_usb1", 2, "OK"), 2);
 }

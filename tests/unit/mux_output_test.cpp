@@ -6,11 +6,14 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "gsm0710_frame.h"
+#include "refusing_mutex.h"
+#include "system_calls.h"
 
 namespace {
 
@@ -95,6 +98,25 @@ TEST_F(MuxOutput, AnswersAreSplitAtTheLargestFrame) {
         close(host_);
         SetUp();
     }
+}
+
+// 27.010 does not tell whose frame it is: another answer's frames between these would mix the two.
+TEST_F(MuxOutput, TheFramesOfAnAnswerAreWrittenUnderOneHoldOfThePortsMutex) {
+    const std::string answer(300, 'a');
+    std::vector<int> states;
+    {
+        TakenCalls taken;
+        taken.write = [&](int, const void*, std::size_t size) {
+            states.push_back(pthread_mutex_trylock(&mutex_));
+            if (states.back() == 0)
+                pthread_mutex_unlock(&mutex_);
+            return static_cast<ssize_t>(size);
+        };
+        EXPECT_EQ(write_answer(0x0B, answer), 0);
+    }
+    EXPECT_THAT(states, testing::ElementsAre(EBUSY, EBUSY, EBUSY));
+    const RefusingMutex held(mutex_);
+    EXPECT_EQ(held.tries_of([&] { write_answer(0x0B, answer); }), 1);
 }
 
 TEST_F(MuxOutput, AnswerWithoutAChannelIsNotWritten) {
