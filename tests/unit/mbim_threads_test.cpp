@@ -48,6 +48,9 @@ class OwnProcess {
             said_.append(bytes.data(), static_cast<std::size_t>(count));
         }
     }
+    [[nodiscard]] bool has_said(const std::string& words) const {
+        return said_.find(words) != std::string::npos;
+    }
     // With everything that was said on standard error.
     [[noreturn]] void end(int status) {
         (void)!write(STDERR_FILENO, said_.data(), said_.size());
@@ -111,6 +114,33 @@ TEST(MbimServiceThreadDeathTest, ATextWithoutMemoryIsDroppedAndARefusedOneTold) 
                 "====receive\\(\\+CREG: 1\\).*====Indication msg allocation failed\n.*"
                 "====receive\\(\\+CREG: 2\\).*qmi_csi_send_ind returned error: [1-9][0-9]*\n"
                 "Indications Sent\n");
+}
+
+// A client that is known later is the proof that nothing but its absence dropped the first.
+[[noreturn]] void forward_before_anybody_was_answered() {
+    OwnProcess process;
+    const Peer peer;
+    std::thread([services_socket = peer.services_socket] {
+        SystemCalls system;
+        system.answer(Call::inet_socket, services_socket);
+        vexa_mbim_at_data_handler(nullptr);
+        _exit(92);
+    }).detach();
+    process.wait_for("====1 socket_fd:" + std::to_string(peer.services_socket) + "\n");
+    peer.say("+CREG: 1");
+    process.wait_for("====Indication msg allocation failed\n");
+    const bool is_dropped = !process.has_said("Indications Sent");
+    client_info_type unknown{&process};
+    update_client_info(&unknown);
+    peer.say("+CREG: 2");
+    process.wait_for("Indications Sent\n");
+    process.end(is_dropped ? 0 : 1);
+}
+
+TEST(MbimServiceThreadDeathTest, UnsolicitedTextBeforeAnySuccessfulResponseIsDropped) {
+    EXPECT_EXIT(forward_before_anybody_was_answered(), testing::ExitedWithCode(0),
+                "====receive\\(\\+CREG: 1\\).*====Indication msg allocation failed\n.*"
+                "====receive\\(\\+CREG: 2\\)");
 }
 
 [[noreturn]] void choose_a_service_that_is_not_there() {
