@@ -61,6 +61,12 @@ void print_sender(const sockaddr_in& sender) {
         ntohs(sender.sin_port));
 }
 
+// RFC 768 lets a sender leave its port out, as 0, when it expects no reply. Nothing can be sent
+// there, and an AT-port answer that cannot be sent closes that port.
+bool is_answerable(const sockaddr_in& sender) {
+    return sender.sin_port != 0;
+}
+
 // Only the port tells clients apart: a datagram from another address with the same port counts as
 // the same client, whose answers go where they went before.
 bool is_served_client(const sockaddr_in& sender) {
@@ -136,6 +142,11 @@ void* remote_udp_data_handler(void* thread_info) {
                                                     kDeviceReadSize, &g_udp_sock_from_client_addr);
         if (length < 1) {
             perror("recv_udp_cmd_from_client nothing sleep. ");
+            continue;
+        }
+        if (!is_answerable(g_udp_sock_from_client_addr)) {
+            VEXA_LOG("a datagram of %d bytes has no port to be answered at, dropped.%d.%d.\r\n",
+                     length, 0, 0);
             continue;
         }
         if (!settle_client(g_udp_sock_from_client_addr))

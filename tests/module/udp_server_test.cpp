@@ -1,6 +1,7 @@
 // AT over UDP: who is served, where answers go, and what a hostile or unlucky peer can do.
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <netinet/udp.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 
@@ -184,6 +185,51 @@ TEST(UdpServer, TwoClientsWithOnePortOnDifferentAddressesCountAsOne) {
     EXPECT_EQ(module.log_count(kNewClient), 1);
     EXPECT_THAT(module.log(), HasSubstr("last_addr:<127.0.0.1>, new_addr:<127.0.0.2>, "
                                         "last_port:<6001>, new_port:<6001>. "));
+}
+
+// RFC 768: a sender that expects no reply may leave its port out, which is 0 then.
+void send_from_port_0(Module& module, std::string_view text) {
+    const bench::UniqueFd raw = module.socket(AF_INET, SOCK_RAW, IPPROTO_UDP);
+    udphdr head{};  // with the checksum left out as well
+    head.dest = htons(5555);
+    head.len = htons(static_cast<uint16_t>(sizeof head + text.size()));
+    std::string datagram(sizeof head, '\0');
+    memcpy(datagram.data(), &head, sizeof head);
+    datagram += text;
+    const sockaddr_in server = loopback(INADDR_LOOPBACK, 0);
+    ASSERT_EQ(sendto(raw.get(), datagram.data(), datagram.size(), 0,
+                     reinterpret_cast<const sockaddr*>(&server), sizeof server),
+              static_cast<ssize_t>(datagram.size()))
+        << strerror(errno);
+}
+
+constexpr std::string_view kUnanswerable = "has no port to be answered at, dropped.";
+
+// With such a client every answer would be a failed write, which closes the AT port.
+TEST(UdpServer, ADatagramWithoutASendersPortIsDropped) {
+    Module module;
+    send_from_port_0(module, "AT+CFUN?\r");
+    module.wait_for_log("recv_udp_cmd_from_client(read_len:9):> 127.0.0.1 0 says >: AT+CFUN?\r");
+    module.wait_for_log(kUnanswerable);
+    module.at_channel().send(kUnsolicited);
+    module.at_port().expect(kUnsolicited);
+    EXPECT_EQ(module.log_count("set g_at_over_sokcet_enable in udp."), 0);
+    EXPECT_EQ(module.log_count("close_fd_mutexed file_path enter:/dev/at_usb1"), 0);
+    UdpClient client = module.udp_client();
+    client.send("AT+NEXT\r");
+    module.at_channel().expect("AT+NEXT\r");  // the first that the modem hears
+}
+
+TEST(UdpServer, ADatagramWithoutASendersPortLeavesTheClientItsAnswers) {
+    Module module;
+    UdpClient client = module.udp_client();
+    expect_echo(client, "x");
+    send_from_port_0(module, "AT+CFUN?\r");
+    module.wait_for_log(kUnanswerable);
+    module.at_channel().send(kUnsolicited);
+    client.expect(kUnsolicited);
+    expect_echo(client, "y");
+    EXPECT_EQ(module.log_count(kNewClient), 1);
 }
 
 // --- Redirection on and off
