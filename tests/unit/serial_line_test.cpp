@@ -11,43 +11,30 @@
 #include <cerrno>
 #include <string>
 
-namespace {
-
-// While one lives, settings applied by this thread are recorded; the driver of a pseudo terminal
-// would change character size and parity.
-struct RecordedSettings {
-    explicit RecordedSettings(int what) : result(what) { t_current = this; }
-    ~RecordedSettings() { t_current = nullptr; }
-    RecordedSettings(const RecordedSettings&) = delete;
-    RecordedSettings& operator=(const RecordedSettings&) = delete;
-
-    int result;
-    int action = -1;
-    termios settings{};
-    static thread_local RecordedSettings* t_current;
-};
-thread_local RecordedSettings* RecordedSettings::t_current = nullptr;
-
-}  // namespace
-
-extern "C" int __real_tcsetattr(int fd, int action, const termios* settings);
-
-// The linker leads the program's calls here (--wrap).
-extern "C" int __wrap_tcsetattr(int fd, int action, const termios* settings) {
-    RecordedSettings* recorded = RecordedSettings::t_current;
-    if (recorded == nullptr) {
-        return __real_tcsetattr(fd, action, settings);
-    }
-    recorded->action = action;
-    recorded->settings = *settings;
-    if (recorded->result != 0)
-        errno = EIO;
-    return recorded->result;
-}
+#include "system_calls.h"
 
 namespace {
 
 using testing::HasSubstr;
+
+// While one lives, settings applied by this thread are recorded; the driver of a pseudo terminal
+// would change character size and parity.
+struct RecordedSettings {
+    explicit RecordedSettings(int what) : result(what) {
+        taken.tcsetattr = [this](int, int how, const termios* applied) {
+            action = how;
+            settings = *applied;
+            if (result != 0)
+                errno = EIO;
+            return result;
+        };
+    }
+
+    int result;
+    int action = -1;
+    termios settings{};
+    TakenCalls taken;
+};
 
 class SerialLine : public testing::Test {
   protected:

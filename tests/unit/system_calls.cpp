@@ -100,6 +100,12 @@ int __wrap_access(const char* path, int mode) {
     return given ? *given : __real_access(path, mode);
 }
 
+int __real_sem_destroy(sem_t* semaphore);
+int __wrap_sem_destroy(sem_t* semaphore) {
+    const auto given = answered(Call::sem_destroy);
+    return given ? *given : __real_sem_destroy(semaphore);
+}
+
 int __real_sem_init(sem_t* semaphore, int shared, unsigned value);
 int __wrap_sem_init(sem_t* semaphore, int shared, unsigned value) {
     const auto given = answered(Call::sem_init);
@@ -269,6 +275,12 @@ int __wrap_ioctl(int fd, unsigned long request, ...) {
     return own != nullptr ? (*own)(fd, request, argument) : __real_ioctl(fd, request, argument);
 }
 
+ssize_t __real_read(int fd, void* area, std::size_t size);
+ssize_t __wrap_read(int fd, void* area, std::size_t size) {
+    const auto* own = taken(&TakenCalls::read);
+    return own != nullptr ? (*own)(fd, area, size) : __real_read(fd, area, size);
+}
+
 ssize_t __real_write(int fd, const void* bytes, std::size_t size);
 ssize_t __wrap_write(int fd, const void* bytes, std::size_t size) {
     const auto* own = taken(&TakenCalls::write);
@@ -279,6 +291,18 @@ FILE* __real_popen(const char* command, const char* mode);
 FILE* __wrap_popen(const char* command, const char* mode) {
     const auto* own = taken(&TakenCalls::popen);
     return own != nullptr ? (*own)(command, mode) : __real_popen(command, mode);
+}
+
+int __real_pclose(FILE* pipe);
+int __wrap_pclose(FILE* pipe) {
+    const auto given = answered(Call::pclose);
+    return given ? *given : __real_pclose(pipe);
+}
+
+int __real_tcsetattr(int fd, int action, const termios* settings);
+int __wrap_tcsetattr(int fd, int action, const termios* settings) {
+    const auto* own = taken(&TakenCalls::tcsetattr);
+    return own != nullptr ? (*own)(fd, action, settings) : __real_tcsetattr(fd, action, settings);
 }
 }
 

@@ -5,6 +5,7 @@
 
 #include <poll.h>
 #include <pthread.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -14,6 +15,8 @@
 
 enum class Call {
     access,
+    pclose,
+    sem_destroy,
     sem_init,
     sem_wait,
     pthread_create,
@@ -70,7 +73,9 @@ struct TakenCalls {
     std::function<int(useconds_t)> usleep;
     std::function<int(int fd, unsigned long request, void* argument)> ioctl;
     std::function<FILE*(const char* command, const char* mode)> popen;
+    std::function<ssize_t(int fd, void* area, std::size_t size)> read;
     std::function<ssize_t(int fd, const void* bytes, std::size_t size)> write;
     std::function<int(pollfd* set, nfds_t count, int timeout_ms)> poll;
+    std::function<int(int fd, int action, const termios* settings)> tcsetattr;
 };
 FILE* real_popen(const char* command, const char* mode);
