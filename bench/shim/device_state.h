@@ -45,7 +45,7 @@ struct DeviceState {
     Word settings_refusals;  // of tcsetattr
     Word settings_error;
     Word opens;     // successes
-    Word closes;    // of descriptors of this device
+    Word closes;    // of descriptors that an open of this device gave; their copies do not count
     Word polls;     // polls begun with this device in the set
     Word settings;  // tcsetattr calls that went through
     Word last_settings_speed;

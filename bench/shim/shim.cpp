@@ -45,7 +45,8 @@ constexpr unsigned long kQueueReceiveIntent = 0x4004C300;
 constexpr std::size_t kMaxPolled = 32;
 constexpr int kNoDevice = 0;
 
-// 1 + index of the device a descriptor belongs to, 0 for every other descriptor.
+// 1 + index of the device a descriptor belongs to, below 0 for a copy of another descriptor; 0 for
+// what is no device's.
 std::array<std::atomic<int>, kMaxDescriptors> g_device_of;
 std::array<int, kDevicePaths.size()> g_wake;
 
@@ -54,7 +55,12 @@ DeviceState* device_of(int fd) {
         return nullptr;
     }
     const int tag = g_device_of[static_cast<std::size_t>(fd)].load();
-    return tag == kNoDevice ? nullptr : &g_state->devices[static_cast<std::size_t>(tag - 1)];
+    return tag == kNoDevice ? nullptr
+                            : &g_state->devices[static_cast<std::size_t>(std::abs(tag) - 1)];
+}
+
+bool is_copy(int fd) {
+    return g_device_of[static_cast<std::size_t>(fd)].load() < 0;
 }
 
 std::size_t index_of(const DeviceState* device) {
@@ -69,7 +75,7 @@ void remember(int fd, int tag) {
 
 void copy_tag(int from, int to) {
     const DeviceState* device = device_of(from);
-    remember(to, device == nullptr ? kNoDevice : static_cast<int>(index_of(device)) + 1);
+    remember(to, device == nullptr ? kNoDevice : -1 - static_cast<int>(index_of(device)));
 }
 
 // One use of an armed fault: true when this call is to fail.
@@ -356,9 +362,11 @@ int openat(int folder, const char* path, int flags, ...) {
 int close(int fd) {
     const bench::RandomPauses pauses;
     if (DeviceState* device = device_of(fd)) {
+        if (!is_copy(fd)) {
+            ++device->closes;
+            bench::record_close(index_of(device));
+        }
         remember(fd, kNoDevice);
-        ++device->closes;
-        bench::record_close(index_of(device));
     }
     bench::close_connection(fd);
     return NEXT(close)(fd);

@@ -118,6 +118,7 @@ class HostReader {
     bool wait_for_pipe();
     Next open_port();
     Next open_uart();
+    [[nodiscard]] Next set_up_uart(int fd) const;
     bool may_retry_uart(int error);
     void send_dtr_low();
     void close_port();
@@ -222,10 +223,17 @@ Next HostReader::open_port() {
     return Next::go_on;
 }
 
+// The set-up has a number of its own for the port: it may wait for output to drain, for ever, so it
+// holds no mutex, and meanwhile the slot's number may be closed by a writer and name another file.
 Next HostReader::open_uart() {
     puts("usb_uartport_to_modem_bridge open before......");
-    const int fd = open_device(device_.path);
+    int fd = open_device(device_.path);
+    const int set_up_fd = fd < 0 ? -1 : fcntl(fd, F_DUPFD_CLOEXEC, 0);
     const int error = errno;
+    if (fd >= 0 && set_up_fd < 0) {
+        close(fd);
+        fd = -1;
+    }
     puts("usb_uartport_to_modem_bridge open after......");
     VEXA_LOG("====>:Blocking open on '%s' fd:%d.\r\n", device_.path, fd);
     if (fd < 0)
@@ -233,15 +241,19 @@ Next HostReader::open_uart() {
     store_device(device_, fd);
     is_open_ = true;
     reset_mux_input();
-    // The port is set up under its mutex, like every system call on it.
-    const MutexGuard guard(device_.mutex);
-    if (fcntl(*device_.slot, F_SETFL, 0) < 0) {
+    const Next next = set_up_uart(set_up_fd);
+    close(set_up_fd);
+    return next;
+}
+
+Next HostReader::set_up_uart(int fd) const {
+    if (fcntl(fd, F_SETFL, 0) < 0) {
         puts("uart fcntl failed!");
         return Next::end_at_once;
     }
-    printf("uart fcntl=%d\n", fcntl(*device_.slot, F_SETFL, 0));
-    xget1(*device_.slot, &tio, &tiosfd);
-    xset1(*device_.slot, &tio, device_.path);
+    printf("uart fcntl=%d\n", fcntl(fd, F_SETFL, 0));
+    xget1(fd, &tio, &tiosfd);
+    xset1(fd, &tio, device_.path);
     return Next::go_on;
 }
 

@@ -6,16 +6,22 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <pty.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
+#include <filesystem>
+#include <iterator>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "descriptors.h"
+#include "device_io.h"
 #include "mhi_monitor.h"
 #include "port_records.h"
 #include "port_state.h"
@@ -194,6 +200,99 @@ TEST_F(HostReaders, NumberWithoutAFileIsOpenedAnewAndToldOfOnTheWayOut) {
     const Ended ended = run_uart_on(gone);
     expect_lost(ended);
     EXPECT_EQ(count_of(ended.log, "An unrecognized event happened!  pollinfo.revents=0x20\r\n"), 1);
+}
+
+// A terminal by a name of its own, which can be taken away.
+class NamedTerminal {
+  public:
+    NamedTerminal() {
+        char folder[] = "/tmp/vexa_uart_XXXXXX";
+        char name[64];
+        if (mkdtemp(folder) == nullptr || openpty(&master_, &slave_, name, nullptr, nullptr) != 0)
+            std::abort();
+        folder_ = folder;
+        path_ = folder_ + "/uart";
+        if (symlink(name, path_.c_str()) != 0)
+            std::abort();
+    }
+    ~NamedTerminal() {
+        take_away();
+        rmdir(folder_.c_str());
+        close(slave_);
+        close(master_);
+    }
+    NamedTerminal(const NamedTerminal&) = delete;
+    NamedTerminal& operator=(const NamedTerminal&) = delete;
+
+    const char* path() const { return path_.c_str(); }
+    void take_away() const { unlink(path_.c_str()); }
+    bool is_at(int fd) const {
+        struct stat own {};
+        struct stat other {};
+        return fstat(slave_, &own) == 0 && fstat(fd, &other) == 0 && own.st_rdev == other.st_rdev;
+    }
+
+  private:
+    int master_ = -1;
+    int slave_ = -1;
+    std::string folder_;
+    std::string path_;
+};
+
+int open_descriptors() {
+    const std::filesystem::directory_iterator entries("/proc/self/fd");
+    return static_cast<int>(std::distance(begin(entries), end(entries)));
+}
+
+// Output that does not drain holds up the set-up alone. A writer that fails meanwhile closes the
+// port, and its number is soon another file's.
+TEST_F(HostReaders, TheUartIsSetUpWithoutItsMutexAndAsNoOtherFile) {
+    const NamedTerminal terminal;
+    const int before = open_descriptors();
+    bool was_port = false;
+    TakenCalls taken;
+    taken.tcsetattr = [&](int fd, int, const termios*) {
+        terminal.take_away();
+        EXPECT_EQ(pthread_mutex_trylock(&usb_uartport_mutex), 0) << "a writer would wait";
+        pthread_mutex_unlock(&usb_uartport_mutex);
+        const int number = usb_uartport_fd;
+        EXPECT_TRUE(terminal.is_at(number)) << "a writer writes to it";
+        close_fd_mutexed(terminal.path(), &usb_uartport_fd, &usb_uartport_mutex);
+        const int other = open("/dev/null", O_RDWR | O_CLOEXEC);
+        EXPECT_EQ(other, number);
+        was_port = terminal.is_at(fd);
+        close(other);
+        return 0;
+    };
+    const Ended ended = run(usb_uartport_to_modem_bridge, uart_info(terminal.path()));
+    EXPECT_TRUE(was_port);
+    const auto flags = ended.log.find("uart fcntl=0\n");
+    const auto settings = ended.log.find("tcsetattr for " + std::string(terminal.path()), flags);
+    EXPECT_NE(settings, std::string::npos) << ended.log;
+    EXPECT_EQ(ended.pauses.size(), 61u) << "it was opened once";
+    EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST_F(HostReaders, AUartThatNoNumberIsLeftForToSetItUpIsNotOpen) {
+    const NamedTerminal terminal;
+    rlimit all{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &all), 0);
+    thread_info_t info = uart_info(terminal.path());
+    const RecordedSleeps sleeps;
+    testing::internal::CaptureStdout();
+    const int next = open("/dev/null", O_RDWR | O_CLOEXEC);
+    close(next);
+    const rlimit one_more = {static_cast<rlim_t>(next) + 1, all.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &one_more);
+    usb_uartport_to_modem_bridge(&info);
+    setrlimit(RLIMIT_NOFILE, &all);
+    const std::string log = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(count_of(log, "fd:-1.\r\n"), 61);
+    EXPECT_TRUE(log.ends_with("Couldn't open device file: " + std::to_string(EMFILE) +
+                              "\r\nreturn NULL.\n"))
+        << log;
+    EXPECT_EQ(usb_uartport_fd, -1);
+    EXPECT_EQ(fcntl(next, F_GETFD), -1) << "it was closed again";
 }
 
 TEST_F(HostReaders, BrokenGateEndsTheReaderOfThePipe) {
