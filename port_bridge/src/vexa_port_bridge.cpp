@@ -11,6 +11,7 @@
 #include "platform_receiver.h"
 #include "port_state.h"
 #include "shared_device.h"
+#include "shared_int.h"
 #include "start_trace.h"
 #include "target.h"
 #include "udp_server.h"
@@ -76,11 +77,12 @@ class BridgeThread {
         log_step(created_ ? texts_.created : texts_.failed, first, second);
     }
 
-    // The reader of a direction.
+    // The reader of a direction. Its line names the descriptors without their mutexes: a reader
+    // that runs already may hold one for as long as a channel or a port takes.
     void start_reader(Entry entry, thread_info_t& info) {
         publish_host_port(entry, info);
         if (texts_.names_descriptors)
-            start(entry, &info, load_device(source_of(info)), load_device(destination_of(info)));
+            start(entry, &info, load_shared(*info.from_fd), load_shared(*info.to_fd));
         else
             start(entry, &info);
     }
@@ -131,9 +133,11 @@ struct Bridge {
 void Bridge::start_main_pair(const pb_targetinfo& target) {
     const DeviceEnd modem = {target.mdm_chardev, &mdm_fd, &mdm_mutex};
     const DeviceEnd host = {target.usb_chardev, &usb_fd, &usb_mutex};
-    VEXA_LOG("set mdm_info....from:%d,to:%d,%d.\r\n", load_device(modem), load_device(host), 0);
+    VEXA_LOG("set mdm_info....from:%d,to:%d,%d.\r\n", load_shared(*modem.slot),
+             load_shared(*host.slot), 0);
     mdm_info = direction(modem, host);
-    VEXA_LOG("set usb_info....from:%d,to:%d,%d.\r\n", load_device(host), load_device(modem), 0);
+    VEXA_LOG("set usb_info....from:%d,to:%d,%d.\r\n", load_shared(*host.slot),
+             load_shared(*modem.slot), 0);
     usb_info = direction(host, modem);
     mdm_thread.start_reader(target.mdm_handler, mdm_info);
     usb_thread.start_reader(usb_to_modem_bridge, usb_info);

@@ -19,6 +19,7 @@
 #include "platform_receiver.h"
 #include "port_records.h"
 #include "port_state.h"
+#include "refusing_mutex.h"
 #include "shared_int.h"
 #include "start_trace.h"
 #include "system_calls.h"
@@ -265,6 +266,23 @@ TEST_F(BridgeStart, BothFilesAreReadByTheirNames) {
                                        "cat /etc/data/port_bridge/port_bridge.config"));
     EXPECT_THAT(log_, HasSubstr("IN PCIE PATH"));
     EXPECT_STREQ(started_[0].records[0].to_file_path, "/dev/mhi_pipe_32");
+}
+
+TEST_F(BridgeStart, EachCommandIsClosedAsOne) {
+    setenv("VEXA_DS_TARGET", "36", 1);
+    const SystemCalls system;
+    start();
+    EXPECT_EQ(commands_.size(), 2u);
+    EXPECT_EQ(system.count(Call::pclose), 2) << "its process would stay as a zombie";
+}
+
+// A reader holds its channel's mutex inside the intent ioctl, for as long as a channel takes.
+TEST_F(BridgeStart, WaitsForNoDevicesMutex) {
+    for (pthread_mutex_t* mutex : {&mdm_mutex, &usb_mutex, &mdm_atport_mutex, &usb_atport_mutex,
+                                   &mdm_uartport_mutex, &usb_uartport_mutex}) {
+        const RefusingMutex held(*mutex);
+        EXPECT_EQ(held.tries_of(init_vexa_port_bridge), 0);
+    }
 }
 
 TEST_F(BridgeStart, ACommandThatCannotBeRunIsNeitherDunNorPcie) {
