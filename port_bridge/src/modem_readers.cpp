@@ -15,6 +15,7 @@
 #include "input_source.h"
 #include "log.h"
 #include "mhi_monitor.h"
+#include "monotonic_clock.h"
 #include "mutex_guard.h"
 #include "mux_output.h"
 #include "mux_session.h"
@@ -35,7 +36,7 @@ constexpr int kMhiWaitMs = 500;
 
 // A channel whose other end says no more is readable for ever and gives nothing. One empty read may
 // be an empty packet; from the second in a row on the reader looks less and less often, at last
-// once a second.
+// once a second. One that comes long after the one before is an empty packet again.
 class EmptyReads {
   public:
     void note(int length) {
@@ -43,6 +44,10 @@ class EmptyReads {
             in_a_row_ = 0;
             return;
         }
+        const int64_t now = monotonic_ms();
+        if (now - last_ms_ > kForgottenMs)
+            in_a_row_ = 0;
+        last_ms_ = now;
         if (in_a_row_ > 0)
             usleep(std::min(kFirstPause << in_a_row_, kLongestPause));
         in_a_row_ = std::min(in_a_row_ + 1, kMostCounted);
@@ -51,9 +56,11 @@ class EmptyReads {
   private:
     static constexpr useconds_t kFirstPause = 500;
     static constexpr useconds_t kLongestPause = 1'000'000;
-    static constexpr int kMostCounted = 11;  // 500 us << 11 is over a second
+    static constexpr int kMostCounted = 11;        // 500 us << 11 is over a second
+    static constexpr int64_t kForgottenMs = 2000;  // longer than any pause
 
     int in_a_row_ = 0;
+    int64_t last_ms_ = 0;  // of the last empty read
 };
 
 // What differs between the three GLINK members.
@@ -397,8 +404,9 @@ void PlainReader::copy_control_lines(short revents) {
     get_control_lines(channel_.device(), signals_);
     if (is_mhi_ && signals_ == signals_sent_)
         return;
-    set_control_lines(destination_of(info_), signals_);
-    signals_sent_ = signals_;
+    // A port that is away is told when it is there again.
+    if (set_control_lines(destination_of(info_), signals_) == 0)
+        signals_sent_ = signals_;
 }
 
 void PlainReader::read_chunk(const DevicePoll& polled) {

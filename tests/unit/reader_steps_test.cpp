@@ -4,16 +4,21 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <initializer_list>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "descriptors.h"
 #include "host_readers.h"
+#include "input_source.h"
 #include "mhi_monitor.h"
 #include "modem_readers.h"
 #include "port_records.h"
@@ -42,6 +47,23 @@ struct Ends {
         return count < 0 ? 0 : static_cast<int>(count);
     }
 };
+
+bool is_free(pthread_mutex_t* mutex) {
+    if (pthread_mutex_trylock(mutex) != 0)
+        return false;
+    pthread_mutex_unlock(mutex);
+    return true;
+}
+
+bool is_socket(int fd) {
+    struct stat status {};
+    return fstat(fd, &status) == 0 && S_ISSOCK(status.st_mode);
+}
+
+// A poll that only asks whether there was a hang-up looks at a device alone.
+bool asks_for_hang_up(nfds_t count) {
+    return count == 1;
+}
 
 // A reader that does not do what is expected would otherwise go on for ever.
 void end_in_time() {
@@ -73,9 +95,16 @@ class OneMessage {
         store_shared(g_is_single_char_input, 1);
         store_shared(g_ports[row.port].send_done, 1);
         taken_.ioctl = [this](int, unsigned long request, void*) {
+            if (request == kIntent && is_free(info_.from_mutex))
+                fputs("intent without the mutex;", stderr);
             if (request == kIntent && ++intents_ == 2)
                 end();
             return 0;
+        };
+        taken_.write = [this](int fd, const void* bytes, std::size_t size) {
+            if (is_free(info_.to_mutex))
+                fputs("write without the mutex;", stderr);
+            return send(fd, bytes, size, 0);
         };
         taken_.usleep = [this](useconds_t microseconds) {
             tell_what_came();
@@ -85,23 +114,39 @@ class OneMessage {
         taken_.pthread_cond_signal = [this](pthread_cond_t* cond) {
             pthread_mutex_t* mutex =
                 cond == &g_cond_ap_with_cp ? &g_mut_ap_with_cp : &g_ports[row_.port].response_mutex;
-            const bool is_free = pthread_mutex_trylock(mutex) == 0;
             fprintf(stderr, "signal %s%s, single %d, awaited %d;", name_of(cond),
-                    is_free ? "" : " locked", load_shared(g_is_single_char_input),
+                    is_free(mutex) ? "" : " locked", load_shared(g_is_single_char_input),
                     load_shared(g_ports[row_.port].send_done));
-            if (is_free)
-                pthread_mutex_unlock(mutex);
             return 0;
         };
     }
 
+    // With the log on stderr, among the steps.
+    [[noreturn]] void serve_with_log(const std::string& message) {
+        is_logged_ = true;
+        serve(message);
+    }
     [[noreturn]] void serve(const std::string& message) {
         end_in_time();
-        if (freopen("/dev/null", "w", stdout) == nullptr ||
-            send(modem_.peer, message.data(), message.size(), 0) < 0)
+        if (is_logged_ ? dup2(STDERR_FILENO, STDOUT_FILENO) < 0
+                       : freopen("/dev/null", "w", stdout) == nullptr)
+            _exit(3);
+        if (send(modem_.peer, message.data(), message.size(), 0) < 0)
             _exit(3);
         row_.entry(&info_);
         _exit(2);
+    }
+    // Its one poll gives this; what is opened after it is another file.
+    void lose_channel(int result, short revents) {
+        info_.from_file_path = "/dev/null";
+        taken_.poll = [this, result, revents](pollfd* set, nfds_t count, int /*timeout_ms*/) {
+            if (asks_for_hang_up(count))
+                return 0;
+            if (!is_socket(set[0].fd) || ++polls_ > 1)
+                _exit(4);
+            set[0].revents = revents;
+            return result;
+        };
     }
     static void make_pipe_live() {
         store_shared(g_vexa_pcie_enabled, 1);
@@ -122,6 +167,8 @@ class OneMessage {
         const bool is_published =
             *row_.published_fd == info_.to_fd && pthread_mutex_trylock(row_.published_mutex) == 0;
         fputs(is_published ? ", published" : ", not published", stderr);
+        fputs(is_socket(*info_.from_fd) ? ", channel kept" : ", channel anew", stderr);
+        fflush(stdout);
         _exit(0);
     }
     void tell_what_came() const {
@@ -143,6 +190,8 @@ class OneMessage {
     Ends pipe_;
     TakenCalls taken_;
     int intents_ = 0;
+    int polls_ = 0;
+    bool is_logged_ = false;
 };
 
 class ModemReaderStepsDeathTest : public testing::TestWithParam<int> {
@@ -205,6 +254,44 @@ TEST_P(ModemReaderStepsDeathTest, WhatCannotBeWrittenIsNotSignalledAndThePortIsC
         testing::ExitedWithCode(0), "^end, awaited 1, host closed");
 }
 
+// Without POLLIN nothing is read before, and the host's port is left alone.
+TEST_P(ModemReaderStepsDeathTest, AChannelThatIsLostIsOpenedAnewWithAFreshIntent) {
+    const struct {
+        int result;
+        short revents;
+        const char* why;
+    } rows[] = {
+        {1, POLLERR, "an error without a hang-up"},
+        {1, POLLHUP, "a hang-up without an error"},
+        {1, POLLNVAL, "a number without a file"},
+        {1, POLLERR | POLLIN, "what is pending goes with it"},
+        {-1, 0, "a poll that fails"},
+    };
+    for (const auto& row : rows)
+        EXPECT_EXIT(
+            {
+                OneMessage message(this->row());
+                message.lose_channel(row.result, row.revents);
+                message.serve("lost");
+            },
+            testing::ExitedWithCode(0), "^end, awaited 1, host open, published, channel anew$")
+            << row.why;
+}
+
+TEST_P(ModemReaderStepsDeathTest, TheLineThatIsBeingTypedOnThePortIsLogged) {
+    constexpr InputSource kSources[] = {InputSource::modem_port, InputSource::at_port,
+                                        InputSource::uart_port};
+    for (int typed_on = 0; typed_on < kPortCount; ++typed_on)
+        EXPECT_EXIT(
+            {
+                g_at_buf_cache[static_cast<int>(kSources[typed_on])].assign("AT+CF");
+                OneMessage(row()).serve_with_log("\r\n+CREG: 1\r\n");
+            },
+            testing::ExitedWithCode(0),
+            typed_on == row().port ? "after recv data clean g_at_buf_cache.at CP. :<AT.CF>[.]\r\n"
+                                   : "after recv data clean g_at_buf_cache.at CP. :<>[.]\r\n");
+}
+
 // The other ports have no second end, whatever the pipe's state.
 TEST_P(ModemReaderStepsDeathTest, ALivePipeTakesTheAtPortsTextAlone) {
     const bool is_at_port = row().port == kAtPort;
@@ -227,6 +314,154 @@ TEST(ModemReaderStepsDeathTest, TextForALivePipeThatIsClosedIsDroppedAndSignalle
             message.serve("text");
         },
         testing::ExitedWithCode(0), begins_with({kPortSignalled, "end"}));
+}
+
+// The two members that only carry bytes.
+
+struct Polled {
+    int result;
+    short revents;
+};
+
+// A plain member on a main pair whose channel is polled as told; the poll after these ends the
+// process.
+class PlainPasses {
+  public:
+    PlainPasses(bool is_mhi, std::vector<Polled> polls)
+        : is_mhi_(is_mhi), polls_(std::move(polls)) {
+        info_.from_file_path = "/dev/null";
+        *info_.from_fd = channel_.daemon;
+        *info_.to_fd = host_.daemon;
+        taken_.poll = [this](pollfd* set, nfds_t count, int timeout_ms) {
+            return asks_for_hang_up(count) ? 0 : next_poll(set, timeout_ms);
+        };
+        taken_.read = [this](int, void*, std::size_t) {
+            now_ms_ += reads_ < gaps_ms.size() ? gaps_ms[reads_++] : 0;
+            fputs("read;", stderr);
+            return read_result;
+        };
+        taken_.write = [this](int, const void*, std::size_t size) {
+            fprintf(stderr, is_free(info_.to_mutex) ? "write without the mutex;" : "write %zu;",
+                    size);
+            return static_cast<ssize_t>(size);
+        };
+        taken_.ioctl = [this](int, unsigned long request, void* word) {
+            if (request == TIOCMGET)
+                *static_cast<int*>(word) = lines;
+            if (request != TIOCMSET)
+                return 0;
+            fprintf(stderr, "set %d;", *static_cast<int*>(word));
+            return refused_sets-- > 0 ? -1 : 0;
+        };
+        taken_.usleep = [](useconds_t microseconds) {
+            fprintf(stderr, "pause %u;", static_cast<unsigned>(microseconds));
+            return 0;
+        };
+        taken_.clock_gettime = [this](clockid_t, timespec* now) {
+            *now = {now_ms_ / 1000, now_ms_ % 1000 * 1'000'000};
+            return 0;
+        };
+    }
+
+    [[noreturn]] void run() {
+        end_in_time();
+        if (freopen("/dev/null", "w", stdout) == nullptr)
+            _exit(3);
+        (is_mhi_ ? modem_to_usb_bridge_mhi : modem_to_usb_bridge_smd)(&info_);
+        _exit(2);
+    }
+
+    ssize_t read_result = 0;
+    std::vector<int> gaps_ms;  // by which time has passed at each read
+    int lines = 0;             // the channel's
+    int refused_sets = 0;      // how many of the host's are still to come
+
+  private:
+    int next_poll(pollfd* set, int timeout_ms) {
+        fprintf(stderr, "poll %s;", is_socket(set[0].fd) ? "first" : "anew");
+        // SMD waits for all of it without an end, MHI half a second for data.
+        if (set[0].events != (is_mhi_ ? POLLIN : 0x1B) || timeout_ms != (is_mhi_ ? 500 : -1))
+            fprintf(stderr, "for 0x%x, %d ms;", static_cast<unsigned>(set[0].events), timeout_ms);
+        if (at_ == polls_.size())
+            _exit(0);
+        set[0].revents = polls_[at_].revents;
+        return polls_[at_++].result;
+    }
+
+    const bool is_mhi_;
+    const std::vector<Polled> polls_;
+    thread_info_t info_ = kModemMain;
+    const Ends channel_;
+    const Ends host_;
+    TakenCalls taken_;
+    std::size_t at_ = 0;
+    std::size_t reads_ = 0;
+    int now_ms_ = 5000;
+};
+
+TEST(PlainReaderStepsDeathTest, WhatAPollTellsIsReadOrEndsTheChannel) {
+    constexpr bool kSmd = false;
+    constexpr bool kMhi = true;
+    const struct {
+        bool is_mhi;
+        Polled poll;
+        ssize_t read;
+        const char* steps;
+        const char* why;
+    } rows[] = {
+        {kSmd, {1, POLLIN}, 3, "read;write 3;poll first;", "bytes are passed on"},
+        {kMhi, {1, POLLIN}, 3, "read;write 3;poll first;", "bytes are passed on"},
+        {kSmd, {1, POLLIN}, 0, "read;poll first;", "an empty read goes on"},
+        {kMhi, {1, POLLIN}, 0, "read;poll first;", "an empty read goes on"},
+        {kSmd, {1, POLLIN}, -1, "read;poll anew;", "a failed read ends the channel"},
+        {kMhi, {1, POLLIN}, -1, "read;poll anew;", "a failed read ends the channel"},
+        {kSmd, {-1, 0}, 3, "poll anew;", "so does a failed poll"},
+        {kMhi, {-1, 0}, 3, "poll anew;", "so does a failed poll"},
+        {kSmd, {1, POLLERR}, 3, "poll anew;", "an error without a hang-up"},
+        {kMhi, {1, POLLERR}, 3, "poll anew;", "an error without a hang-up"},
+        {kSmd, {1, POLLHUP}, 3, "poll anew;", "a hang-up without an error"},
+        {kMhi, {1, POLLHUP}, 3, "poll anew;", "a hang-up without an error"},
+        {kSmd, {1, POLLHUP | POLLIN}, 3, "poll anew;", "SMD leaves what is pending"},
+        {kMhi, {1, POLLHUP | POLLIN}, 3, "read;write 3;poll first;", "MHI reads it first"},
+        {kMhi, {1, POLLHUP | POLLIN}, 0, "read;poll anew;", "until nothing is left"},
+        {kMhi, {0, 0}, 3, "poll first;", "a time-out goes on"},
+    };
+    for (const auto& row : rows)
+        EXPECT_EXIT(
+            {
+                PlainPasses passes(row.is_mhi, {row.poll});
+                passes.read_result = row.read;
+                passes.run();
+            },
+            testing::ExitedWithCode(0), std::string("^poll first;").append(row.steps).append("$"))
+            << (row.is_mhi ? "MHI: " : "SMD: ") << row.why;
+}
+
+TEST(PlainReaderStepsDeathTest, AWordThatTheHostsPortDidNotTakeIsSentAgain) {
+    EXPECT_EXIT(
+        {
+            PlainPasses passes(true, {{0, 0}, {0, 0}, {0, 0}, {0, 0}});
+            passes.lines = TIOCM_DTR;
+            passes.refused_sets = 2;
+            passes.run();
+        },
+        testing::ExitedWithCode(0),
+        "^poll first;set 2;poll first;set 2;poll first;set 2;poll first;poll first;$");
+}
+
+TEST(PlainReaderStepsDeathTest, EmptyReadsInARowPauseAndOnesFarApartDoNot) {
+    const Polled readable = {1, POLLIN};
+    const std::vector<int> gaps_ms = {0, 1, 1, 2000, 2001, 1, 2001};
+    EXPECT_EXIT(
+        {
+            PlainPasses passes(false, std::vector<Polled>(7, readable));
+            passes.gaps_ms = gaps_ms;
+            passes.run();
+        },
+        testing::ExitedWithCode(0),
+        "^poll first;read;poll first;read;pause 1000;poll first;read;pause 2000;"
+        "poll first;read;pause 4000;poll first;read;poll first;read;pause 1000;"
+        "poll first;read;poll first;$");
 }
 
 // Host readers.
