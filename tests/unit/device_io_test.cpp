@@ -9,6 +9,8 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -129,10 +131,19 @@ TEST_F(WriteToDevice, OtherErrorsFailWithoutARetry) {
                                     "descriptor]\n"));
 }
 
+std::string diag_text() {
+    std::ifstream file(getenv("VEXA_DIAG_LOG"));
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
 TEST_F(WriteToDevice, DiagnosticSinkKeepsOnlyThePlainLines) {
+    const std::size_t before = diag_text().size();
     store_shared(g_qxdm_log, 1);
     EXPECT_EQ(write_to_device(ends_[1], "/dev/smd7", 2, "AT"), 0);
     store_shared(g_qxdm_log, 0);
+    const std::string told = diag_text().substr(before);
+    EXPECT_THAT(told, HasSubstr("write to '/dev/smd7' returned 2, bytes_remaining: 0."));
+    EXPECT_THAT(told, testing::Not(HasSubstr("bytes_remaining :"))) << "standard output's alone";
     EXPECT_EQ(output(), "====>>>num_written :2, to_fd:" + std::to_string(ends_[1]) +
                             ", bytes_remaining:2. \r\n");
 }

@@ -10,9 +10,11 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <ctime>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -77,6 +79,32 @@ TEST_F(LogTest, EntryLineIsStampFunctionLineAndMessage) {
     EXPECT_THAT(logged_with(0),
                 MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} "
                              "logged_with\\([0-9]+\\):main enter. 201909191715.0.0.\r\n"));
+}
+
+std::string stamp_in_zone(const char* zone, time_t second) {
+    setenv("TZ", zone, 1);
+    tzset();
+    tm local{};
+    char text[26];
+    strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", localtime_r(&second, &local));
+    return text;
+}
+
+TEST_F(LogTest, TheStampIsLocalTime) {
+    const char* const zone = getenv("TZ");
+    const std::string zone_before = zone == nullptr ? "" : zone;
+    for (const char* other : {"XXX-14", "YYY+11:30"}) {  // east and west, and a part of an hour
+        const std::string from = stamp_in_zone(other, time(nullptr));
+        std::string line;
+        std::thread([&line] { line = logged_with(0); }).join();  // which has no stamp kept yet
+        const std::string to = stamp_in_zone(other, time(nullptr));
+        EXPECT_THAT(line.substr(0, 19), testing::AllOf(testing::Ge(from), testing::Le(to)));
+    }
+    if (zone == nullptr)
+        unsetenv("TZ");
+    else
+        setenv("TZ", zone_before.c_str(), 1);
+    tzset();
 }
 
 TEST_F(LogTest, ALineIsThreeWritesStampPlaceAndMessage) {

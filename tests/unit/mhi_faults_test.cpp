@@ -57,6 +57,7 @@ TEST_F(MhiFaults, WithoutASemaphoreThereIsNoMonitor) {
     EXPECT_THAT(log_of(vexa_linux_dev_init),
                 HasSubstr("Failed to create semaphore, error. Bailing out.: 0,0,0\r\n"));
     EXPECT_EQ(system_.count(Call::pthread_create), 0);
+    EXPECT_EQ(system_.count(Call::sem_destroy), 0) << "there is none";
     EXPECT_EQ(vexa_pcie_is_enabled(), 1) << "the link is PCIe all the same";
 }
 
@@ -67,6 +68,7 @@ TEST_F(MhiFaults, AThreadThatCannotBeStartedIsLogged) {
                 HasSubstr("Failed to spawn mhi_monitor thread:Bailing out.: 0,0,0\r\n"));
     EXPECT_EQ(vexa_pcie_is_enabled(), 1);
     EXPECT_FALSE(is_pcie_live());
+    EXPECT_EQ(system_.count(Call::sem_destroy), 1) << "nobody would ever post it";
 }
 
 TEST_F(MhiFaults, ALinkThatIsKnownAlreadyIsNotLookedForAgain) {
