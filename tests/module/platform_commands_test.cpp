@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <chrono>
 #include <string>
 
 #include "fake_platform.h"
@@ -79,6 +80,38 @@ TEST_P(PlatformPort, PacksOfOneWriteAreOneAnswer) {
     platform.send_raw(port(), bench::encode_pack(bench::PackKind::indication, "\r\nREV\r\n") +
                                   bench::encode_pack(bench::PackKind::command, "\r\nOK\r\n"));
     module.host_port(GetParam()).expect("\r\nREV\r\n\r\nOK\r\n");
+}
+
+// The command is open until a final result comes in one piece, and the platform's text is held for
+// its sake. The log tells that, too: a text that is held has a line of its own.
+TEST_P(PlatformPort, AFinalResultCutInTwoDoesNotCompleteTheCommand) {
+    constexpr std::array<const char*, 3> kLogNames{"mport", "atport", "uartport"};
+    const std::string log_name = kLogNames[static_cast<std::size_t>(GetParam())];
+    ModuleWithPlatform both;
+    auto& [module, platform] = both;
+    HostPort& host = module.host_port(GetParam());
+    ModemChannel& channel = module.channel(GetParam());
+    int polls = 1;
+    const auto answer_with = [&](const char* chunk) {
+        channel.send(chunk);
+        host.expect(chunk);
+        module.wait_for_log("Attempting to poll(" + log_name + " waiting cp)", ++polls);
+    };
+    host.write("AT+CFUN?\r");
+    channel.expect("AT+CFUN?\r");
+    answer_with("O");
+    answer_with("K\r\n");
+    const auto start = std::chrono::steady_clock::now();
+    platform.send(port(), "\r\n+EVENT: 1\r\n", bench::PackKind::indication);
+    host.expect("\r\n+EVENT: 1\r\n");
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(4900));
+    const std::string held = "<<<<<<<<<<<<<<<<<<<< " + log_name + " timeout <<<";
+    EXPECT_EQ(module.log_count(held), 1);
+
+    answer_with("OK\r\n");
+    platform.send(port(), "\r\n+EVENT: 2\r\n", bench::PackKind::indication);
+    host.expect("\r\n+EVENT: 2\r\n");
+    EXPECT_EQ(module.log_count(held), 1) << "complete by now";
 }
 
 TEST_P(PlatformPort, UnsolicitedLinesReachThePortOfTheirConnection) {
