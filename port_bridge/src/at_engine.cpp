@@ -33,6 +33,7 @@ constexpr char kCtrlZ = 0x1A;
 
 // The line with spaces removed, per thread; its last S3 character may stand behind a full line.
 thread_local char g_at_buf_cache_no_sb[kTextAreaSize + 1];
+static_assert(sizeof g_at_buf_cache_no_sb == kDeviceReadSize + 2);  // the line, S3 and a NUL
 
 // True from an overlong line's overflow to the chunk that completes it; the source's thread only.
 bool g_discarding[kInputSourceCount];

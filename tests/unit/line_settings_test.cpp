@@ -195,16 +195,18 @@ TEST_F(LineSettings, SpaceRemover) {
         {"A T\r", '#', "AT\r#", "no S3 in the line: bounded by its length"},
         {"AT \"#\" 1\r", '#', "AT\"#", "S3 stops inside quotes, too"},
         {"A T", 13, "AT\r", "S3 is appended always"},
+        {"AT\x1A", 13, "AT\x1A\r", "and then stands behind the line's own length"},
     };
     for (const auto& row : rows) {
         g_ats3_carriage_return_char = row.s3;
-        std::string out(row.line.size() + 2, '~');
+        std::string out(row.line.size() + 3, '~');  // the line, S3, a NUL and what is not its own
         int length = 0;
         EXPECT_EQ(input_atcmd_ignore_spaceback(row.line.c_str(), static_cast<int>(row.line.size()),
                                                out.data(), &length),
                   0);
         EXPECT_EQ(std::string(out.c_str()), row.result) << row.why;
         EXPECT_EQ(length, static_cast<int>(row.result.size())) << row.why;
+        EXPECT_EQ(out.back(), '~') << row.why;
     }
 }
 
