@@ -56,6 +56,7 @@ class Link {
             End& end = ends_[static_cast<std::size_t>(port.index)];
             make_pair(end.connection);
             make_pair(end.host);
+            store_shared(port.platform_socket, -1);  // not what another test left
             thread_info_t& bridge = bridges_[static_cast<std::size_t>(port.index)];
             bridge.to_file_path = port.host_path;
             bridge.to_fd = end.host.data();
