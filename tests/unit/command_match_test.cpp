@@ -87,6 +87,7 @@ TEST_F(CommandMatch, NameLengths) {
     } const rows[] = {
         {"", 0, "no name in an empty line"},
         {"ATE0\r", 3, "a digit ends an ordinary name"},
+        {"ATE9\r", 3, "the last digit, too"},
         {"ATI9\r", 4, "ATI keeps its digit"},
         {"ATS3=13\r", 4, "an S-register keeps its digit"},
         {"ats24=1\r", 5, "and both of them"},
@@ -277,6 +278,12 @@ TEST_F(CommandMatch, CombinedBasicCommands) {
         {"ATE0+X1\r", 0, "an extended command in it"},
         {"ATX0S01\r", 0, "neither E nor V nor Q behind AT"},
         {"AtE0V1\r", 0, "mixed case is not looked for"},
+        {"ateX0X1\r", 2, "each of the six words alone is enough"},
+        {"ATEX0X1\r", 2, "each of the six words alone is enough"},
+        {"atvX0X1\r", 2, "each of the six words alone is enough"},
+        {"ATVX0X1\r", 2, "each of the six words alone is enough"},
+        {"atqX0X1\r", 2, "each of the six words alone is enough"},
+        {"ATQX0X1\r", 2, "each of the six words alone is enough"},
     };
     for (const auto& row : rows)
         EXPECT_EQ(is_input_combine_atcmd(row.line, static_cast<int>(strlen(row.line))), row.result)

@@ -154,7 +154,8 @@ TEST(ClientSendMsg, APlatformThatDiedIsAFailedSendAndNoSignal) {
 TEST(ClientSendMsgDeathTest, APayloadOverTheAreaStopsTheProcess) {
     const Pair pair;
     const std::string largest(kSentPayloadMax + 1, 'x');
-    EXPECT_DEATH(send_message(pair.daemon, largest, USB_PORT_ATCMD_MODE), "131029 bytes");
+    EXPECT_DEATH(send_message(pair.daemon, largest, USB_PORT_ATCMD_MODE),
+                 "payload for the platform of 131029 bytes would overrun its 131028 bytes\n");
 }
 
 TEST(ClientSendMsg, TheLargestPayloadFits) {
@@ -289,20 +290,23 @@ TEST(ClientReceiveDeathTest, AnAnswerOverItsAreaStopsTheProcess) {
     const std::string quarter(4096, 'x');
     pair.put(pack_of(quarter) + pack_of(quarter) + pack_of(quarter) + pack_of(quarter) +
              pack_of("x"));
-    EXPECT_DEATH(receive(pair.daemon), "16385 bytes would overrun its 16384");
+    EXPECT_DEATH(receive(pair.daemon),
+                 "answer of the platform of 16385 bytes would overrun its 16384 bytes\n");
 }
 
 TEST(ClientReceiveDeathTest, NulsCountTowardsTheArea) {
     const Pair pair;
     const std::string nuls(4096, '\0');
     pair.put(pack_of(nuls) + pack_of(nuls) + pack_of(nuls) + pack_of(nuls) + pack_of("x"));
-    EXPECT_DEATH(receive(pair.daemon), "16385 bytes would overrun its 16384");
+    EXPECT_DEATH(receive(pair.daemon),
+                 "answer of the platform of 16385 bytes would overrun its 16384 bytes\n");
 }
 
 TEST(ClientReceiveDeathTest, AWholePackWithAPayloadOver4096StopsTheProcess) {
     const Pair pair;
     pair.put(pack_of(std::string(4097, 'x')));
-    EXPECT_DEATH(receive(pair.daemon), "4097 bytes would overrun its 4096");
+    EXPECT_DEATH(receive(pair.daemon),
+                 "payload of a pack of the platform of 4097 bytes would overrun its 4096 bytes\n");
 }
 
 TEST(ClientReceive, AReadTakesAtMostTheScratchArea) {
