@@ -281,12 +281,18 @@ TEST_F(HostReaders, AUartThatNoNumberIsLeftForToSetItUpIsNotOpen) {
     const RecordedSleeps sleeps;
     testing::internal::CaptureStdout();
     const int next = open("/dev/null", O_RDWR | O_CLOEXEC);
-    close(next);
     const rlimit one_more = {static_cast<rlim_t>(next) + 1, all.rlim_max};
     setrlimit(RLIMIT_NOFILE, &one_more);
-    usb_uartport_to_modem_bridge(&info);
+    const int beyond = fcntl(next, F_DUPFD_CLOEXEC, 0);
+    close(next);
+    if (beyond < 0)
+        usb_uartport_to_modem_bridge(&info);
     setrlimit(RLIMIT_NOFILE, &all);
     const std::string log = testing::internal::GetCapturedStdout();
+    if (beyond >= 0) {
+        close(beyond);
+        GTEST_SKIP() << "the limit does not hold here";
+    }
     EXPECT_EQ(count_of(log, "fd:-1.\r\n"), 61);
     EXPECT_TRUE(log.ends_with("Couldn't open device file: " + std::to_string(EMFILE) +
                               "\r\nreturn NULL.\n"))
