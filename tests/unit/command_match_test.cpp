@@ -174,7 +174,9 @@ TEST_F(CommandMatch, CsqMatchesInAllFormsButNotInACombination) {
 TEST_F(CommandMatch, BasicCommandsWithDigits) {
     EXPECT_EQ(vexa_strmatch("ATS3=13\r", "ats3"), 1);
     EXPECT_EQ(vexa_strmatch("ATE1", "ate"), 1);
+    testing::internal::CaptureStdout();
     EXPECT_EQ(vexa_strmatch("ATI9", "ati9"), 1);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "vexa_strmatch equal.\r\n");
     EXPECT_EQ(hijack("ATI\r"), 0);
 }
 

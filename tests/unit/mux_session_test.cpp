@@ -203,9 +203,12 @@ TEST_F(MuxSession, MissingLineIsAnErrorText) {
     EXPECT_EQ(length, 9);
     EXPECT_EQ(direction, 5);
     EXPECT_EQ(SA_DefaultCmdHandler_CMUX("AT+CMUX=0", 9, nullptr, &length, &direction), -1);
-    EXPECT_EQ(SA_DefaultMuxDataHandler_CMUX(nullptr, 3, area.data(), &length, &direction), -1);
-    EXPECT_EQ(SA_DefaultMuxDataHandler_CMUX("x", 1, nullptr, &length, &direction), -1);
+    const char sabm[] = "\xF9\x03\x3F\x01\x1C\xF9";
+    EXPECT_EQ(SA_DefaultMuxDataHandler_CMUX(nullptr, 6, area.data(), &length, &direction), -1);
+    EXPECT_EQ(SA_DefaultMuxDataHandler_CMUX(sabm, 6, nullptr, &length, &direction), -1);
+    area = {};
     EXPECT_EQ(proc_host_to_ue_cmux_atcmd(nullptr, 3, area.data(), &length, &direction), -1);
+    EXPECT_STREQ(area.data(), "") << "the one road says nothing";
     EXPECT_EQ(proc_host_to_ue_cmux_atcmd("AT+CMUX=0", 9, nullptr, &length, &direction), -1);
     EXPECT_EQ(load_shared(g_uart_port_status), 0);
 }
