@@ -60,6 +60,28 @@ TEST(QmiCoding, AResponseIsThreeTlvs) {
     EXPECT_EQ(response_bytes(), wanted);
 }
 
+// The numbers of the TLVs are what a host's own client was built with.
+TEST(QmiCoding, ARequestIsTwoTlvsAndAnIndicationOne) {
+    std::array<uint8_t, 2048> bytes{};
+    unsigned length = 0;
+    vexa_mbim_at_req_msg_v01 request{};
+    request.data_len = 3;
+    ASSERT_EQ(qmi_idl_message_encode(at_service(), QMI_IDL_REQUEST, 1, &request, sizeof(request),
+                                     bytes.data(), bytes.size(), &length),
+              QMI_IDL_NO_ERR);
+    EXPECT_EQ(length, 7 + 3 + 1024U);
+    EXPECT_THAT(std::vector<uint8_t>(bytes.begin(), bytes.begin() + 10),
+                testing::ElementsAre(0x01, 4, 0, 3, 0, 0, 0,  // data_len
+                                     0x02, 0, 4));            // data, 1,024 bytes
+    vexa_mbim_at_ind_msg_v01 indication{};
+    ASSERT_EQ(qmi_idl_message_encode(at_service(), QMI_IDL_INDICATION, 1, &indication,
+                                     sizeof(indication), bytes.data(), bytes.size(), &length),
+              QMI_IDL_NO_ERR);
+    EXPECT_EQ(length, 3 + 1024U);
+    EXPECT_THAT(std::vector<uint8_t>(bytes.begin(), bytes.begin() + 3),
+                testing::ElementsAre(0x01, 0, 4));
+}
+
 TEST(QmiCoding, WhatWasCodedComesBack) {
     vexa_mbim_at_resp_msg_v01 record{};
     ASSERT_EQ(decode_response(response_bytes(), record), QMI_IDL_NO_ERR);
