@@ -398,8 +398,9 @@ int __wrap_pthread_cond_clockwait(pthread_cond_t* cond, pthread_mutex_t* mutex, 
         return __real_pthread_cond_clockwait(cond, mutex, clock, deadline);
     HOLDS(clock == CLOCK_MONOTONIC);
     HOLDS(deadline->tv_nsec >= 0 && deadline->tv_nsec < 1'000'000'000);
-    const int64_t longest = deadline->tv_sec * kNsInSecond + deadline->tv_nsec - state().now_ns;
-    HOLDS(longest == 5 * kNsInSecond || longest == 10 * kNsInSecond);
+    const int64_t longest =
+        deadline->tv_sec * world::kNsInSecond + deadline->tv_nsec - state().now_ns;
+    HOLDS(longest == 5 * world::kNsInSecond || longest == 10 * world::kNsInSecond);
     HOLDS(!world::is_free(mutex));
     pthread_mutex_unlock(mutex);
     if (state().reader)

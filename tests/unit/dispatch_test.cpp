@@ -243,6 +243,19 @@ TEST_P(Dispatch, MissingArgumentsSendNothing) {
 
 class DispatchWait : public EngineFixture {};
 
+// The paths stand here once more: the tests' own records take them from the ports.
+TEST_F(DispatchWait, ACommandMarksThePortWhosePathItCameBy) {
+    const char* const paths[kPortCount] = {"/dev/at_usb0", "/dev/at_usb1", "/dev/ttyMSM1"};
+    for (const PortRecord& from : g_ports) {
+        const Answerer answerer(g_cond_atport);
+        at_port.tinfo.from_file_path = paths[from.index];
+        dispatch(at_port, "AT+CFUN?\r");
+        for (const PortRecord& record : g_ports)
+            EXPECT_EQ(load_shared(record.send_done), record.index == from.index) << record.log_name;
+        store_shared(from.send_done, 0);
+    }
+}
+
 TEST_F(DispatchWait, ACommandFromThePciePipeMarksNoPort) {
     const Answerer answerer(g_cond_atport);
     at_port.tinfo.from_file_path = "/dev/mhi_pipe_32";

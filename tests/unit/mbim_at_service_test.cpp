@@ -104,9 +104,21 @@ TEST(MbimAtService, ARequestWithMessageIdZeroOrTwoIsRefusedAndCounted) {
 
 TEST(MbimAtService, ARequestWithoutARecordIsRefusedAndCounted) {
     service_context_type context{};
-    EXPECT_EQ(vexa_mbim_handle_req_cb(nullptr, nullptr, 1, nullptr, 0, &context),
-              QMI_CSI_CB_INTERNAL_ERR);
-    EXPECT_EQ(context.num_requests, 1);
+    vexa_mbim_at_req_msg_v01 request{};
+    struct {
+        void* record;
+        unsigned length;
+        const char* why;
+    } const rows[] = {
+        {nullptr, 0, "neither"},
+        {nullptr, sizeof(request), "a length alone"},
+        {&request, sizeof(request) - 1, "a record that is cut"},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(vexa_mbim_handle_req_cb(nullptr, nullptr, 1, row.record, row.length, &context),
+                  QMI_CSI_CB_INTERNAL_ERR)
+            << row.why;
+    EXPECT_EQ(context.num_requests, 3);
 }
 
 // One request of one client; nothing reaches the modem's road but what a test lets through.
