@@ -344,7 +344,7 @@ TEST_F(DispatchWait, SlowAnswersInARowAreLoggedFromTheSixthOn) {
         {"/dev/smd7", 10 * kSecond, nullptr, "not counted"},
         {"/dev/smd7", 1 * kSecond, nullptr, "not counted"},
         {"/dev/at_smd7", 10 * kSecond, "8, 0, 0.\r\n", "one count for all"},
-        {"/dev/at_mdm0", 3 * kSecond, nullptr, "quick"},
+        *now = {static_cast<time_t>(passed_ns / kSecond), static_cast<long>(passed_ns % kSecond)};
         {"/dev/at_mdm0", 10 * kSecond, nullptr, "the first in a row again"},
         {"/dev/at_mdm0", 10 * kSecond, nullptr, "second"},
         {"/dev/at_mdm0", 10 * kSecond, nullptr, "third"},
