@@ -344,7 +344,7 @@ TEST_F(DispatchWait, SlowAnswersInARowAreLoggedFromTheSixthOn) {
         {"/dev/smd7", 10 * kSecond, nullptr, "not counted"},
         {"/dev/smd7", 1 * kSecond, nullptr, "not counted"},
         {"/dev/at_smd7", 10 * kSecond, "8, 0, 0.\r\n", "one count for all"},
-        *now = {static_cast<time_t>(passed_ns / kSecond), static_cast<long>(passed_ns % kSecond)};
+        {"/dev/at_mdm0", 3 * kSecond, nullptr, "quick"},
         {"/dev/at_mdm0", 10 * kSecond, nullptr, "the first in a row again"},
         {"/dev/at_mdm0", 10 * kSecond, nullptr, "second"},
         {"/dev/at_mdm0", 10 * kSecond, nullptr, "third"},
@@ -357,7 +357,7 @@ TEST_F(DispatchWait, SlowAnswersInARowAreLoggedFromTheSixthOn) {
     int64_t answer_ns = 0;
     TakenCalls calls;
     calls.clock_gettime = [&passed_ns](clockid_t /*clock*/, timespec* now) {
-        *now = {passed_ns / kSecond, passed_ns % kSecond};
+        *now = {static_cast<time_t>(passed_ns / kSecond), static_cast<long>(passed_ns % kSecond)};
         return 0;
     };
     calls.pthread_cond_clockwait = [&](auto...) {
