@@ -222,6 +222,7 @@ _TOLD = (
     Row("POLLHUP is hang up(%s), close socket it.\r\n", Story.platform_hung_up),
     Row("POLLERR is err(%s).\r\n", Story.note),
     Row("recv app-plat error info .........(%s)\r\n", Story.platform_refused),
+    Row("'%s' is closed, %d bytes of an answer dropped.\r\n", Story.note),
     Row("send data sucess. sock:%d,:iret:%d.\r\n", Story.platform_sent),
     Row("send data failed,fd:%d, iret:%d, err_info:%s.\r\n", Story.platform_send_failed),
     Row("client_send_sync_msg sucess:%d,%d,%d.\r\n", Story.platform_mode),
@@ -260,6 +261,9 @@ ROWS = (
     Row("%s\r\n", texts=_INITED),
     Row("%s%d,%d,0.\r\n", texts=_START_STEPS),
     *(Row(text, Story.note) for text in _NOTED),
+    Row(
+        "a datagram of %d bytes has no port to be answered at, dropped.%d.%d.\r\n", Story.note
+    ),
     Row("%s of %zu bytes would overrun its %zu bytes, exit.\r\n", Story.note, texts=_OVERRUN),
     *_TOLD,
 )
