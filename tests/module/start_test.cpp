@@ -173,6 +173,8 @@ TEST(DaemonStart, PlainTargetsServeTheModemPortWithoutIntents) {
     ModuleOptions options;
     options.target = 26;  // SMD: byte for byte, control lines on POLLPRI
     Module module(options);
+    module.wait_for_log("modem_to_usb_bridge_smd Attempting to open '/dev/at_mdm0'...");
+    module.wait_for_log("OPEN THE FILE mdm_fd.\r\n");
     module.device("/dev/at_mdm0").set_modem_bits(0x146);
     module.device("/dev/at_mdm0").raise(POLLPRI);
     module.wait_until([&] { return module.device("/dev/at_usb0").modem_bits() == 0x146; },
@@ -204,6 +206,7 @@ TEST_P(MhiMainPair, ReadsThePipeAndFollowsItsControlLines) {
     options.target = GetParam();
     options.ready_devices = {kPipe, "/dev/at_usb0", "/dev/at_usb1", "/dev/smd7"};
     Module module(options);
+    module.wait_for_log("modem_to_usb_bridge_mhi Attempting to open '/dev/mhi_pipe_32'...");
     module.modem_port().write("AT+CFUN?\r");
     module.pcie_pipe().expect("AT+CFUN?\r");
     module.pcie_pipe().write("\r\nOK\r\n");

@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <array>
@@ -67,6 +68,11 @@ TEST(UdpRelayAtStart, ItsSocketIsADatagramSocketWithoutAPort) {
     length = sizeof(own);
     EXPECT_EQ(getsockname(socket_fd, reinterpret_cast<sockaddr*>(&own), &length), 0);
     EXPECT_EQ(own.sin_port, 0);
+    timeval time_out{};
+    length = sizeof(time_out);
+    EXPECT_EQ(getsockopt(socket_fd, SOL_SOCKET, SO_RCVTIMEO, &time_out, &length), 0);
+    EXPECT_EQ(time_out.tv_sec, 2) << "a silent modem holds the service so long, seven times over";
+    EXPECT_EQ(time_out.tv_usec, 0);
     close(socket_fd);
     socket_fd = -1;
 }
