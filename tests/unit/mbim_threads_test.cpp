@@ -88,19 +88,24 @@ class Peer {
     sockaddr_in service_{};
 };
 
+// The service, on the peer's socket, up to its first wait. `prepare` is called on its thread.
+void start_service(OwnProcess& process, const Peer& peer, void (*prepare)(SystemCalls&)) {
+    std::thread([services_socket = peer.services_socket, prepare] {
+        SystemCalls system;
+        system.answer(Call::inet_socket, services_socket);
+        prepare(system);
+        vexa_mbim_at_data_handler(nullptr);
+        _exit(92);
+    }).detach();
+    process.wait_for("====1 socket_fd:" + std::to_string(peer.services_socket) + "\n");
+}
+
 [[noreturn]] void forward_unsolicited_texts() {
     OwnProcess process;
     const Peer peer;
     client_info_type unknown{&process};
     update_client_info(&unknown);
-    std::thread([services_socket = peer.services_socket] {
-        SystemCalls system;
-        system.answer(Call::inet_socket, services_socket);
-        system.answer(Call::allocation, -1);
-        vexa_mbim_at_data_handler(nullptr);
-        _exit(92);
-    }).detach();
-    process.wait_for("====1 socket_fd:" + std::to_string(peer.services_socket) + "\n");
+    start_service(process, peer, [](SystemCalls& system) { system.answer(Call::allocation, -1); });
     peer.say("+CREG: 1");
     process.wait_for("====Indication msg allocation failed\n");
     peer.say("+CREG: 2");
@@ -121,13 +126,7 @@ TEST(MbimServiceThreadDeathTest, ATextWithoutMemoryIsDroppedAndARefusedOneTold) 
 [[noreturn]] void forward_before_anybody_was_answered() {
     OwnProcess process;
     const Peer peer;
-    std::thread([services_socket = peer.services_socket] {
-        SystemCalls system;
-        system.answer(Call::inet_socket, services_socket);
-        vexa_mbim_at_data_handler(nullptr);
-        _exit(92);
-    }).detach();
-    process.wait_for("====1 socket_fd:" + std::to_string(peer.services_socket) + "\n");
+    start_service(process, peer, [](SystemCalls&) {});
     peer.say("+CREG: 1");
     process.wait_for("====Indication msg allocation failed\n");
     peer.say("+CREG: 2");
