@@ -113,8 +113,8 @@ TEST(PcieCycles, AThousandConnectionsDuringTrafficLoseAndDoubleNoAnswer) {
     MhiLink link(module);
     Traffic traffic(module);
     link.connect();
-    traffic.ask();
-    traffic.finish();  // the pipe is open now
+    // The modem's answers go to the pipe from now on, and nowhere while it is not open yet.
+    module.wait_until([&] { return module.device(kMhiPipe).is_served(); }, "the pipe");
     for (int cycle = 0; cycle < kCycles; ++cycle) {
         const std::size_t from = module.log_size();
         module.send_uevent(mhi_uevent({"32=DISCONNECTED", "33=DISCONNECTED"}));
