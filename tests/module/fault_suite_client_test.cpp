@@ -67,11 +67,16 @@ void udp_leave_unread(FaultedModule& faulted) {
     setsockopt(deaf.fd(), SOL_SOCKET, SO_RCVBUF, &least, sizeof least);
     deaf.send("x");
     deaf.expect("x");
-    for (int time = 0; time < 300; ++time) {
+    constexpr int kMessages = 300;
+    const DeviceControl channel = faulted.module.device(faulted.module.at_channel().path());
+    const int polls = channel.polls();
+    for (int time = 0; time < kMessages; ++time) {
         faulted.module.at_channel().send(kUnsolicited);
         faulted.traffic.step(0ms);
     }
-    faulted.traffic.run(1);
+    // Else whoever speaks next on the AT port has the rest of them.
+    faulted.traffic.run_until([&] { return channel.polls() >= polls + kMessages; },
+                              "all that the modem said to be read");
 }
 
 void udp_send_piecemeal(FaultedModule& faulted) {
