@@ -40,8 +40,8 @@ class DeviceControl {
     int closes() const { return count(words().closes); }
     int polls() const { return count(words().polls); }
     // Whether it was opened at least so often and its reader waits for events of the last open.
-    bool is_served(int at_least_opens = 1) const {
-        return opens() >= at_least_opens && words().polls_since_open.load() > 0;
+    bool is_served(int at_least_opens = 1, int at_least_polls = 1) const {
+        return opens() >= at_least_opens && count(words().polls_since_open) >= at_least_polls;
     }
     int settings() const { return count(words().settings); }
     unsigned speed() const { return words().last_settings_speed; }
