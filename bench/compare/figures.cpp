@@ -193,14 +193,16 @@ json measure_stream(Rig& rig, Contestant& contestant, const Amounts& amounts, Di
                     std::size_t chunk) {
     int from = rig.line(0).host();
     int to = contestant.modem_end(0);
+    double seconds = amounts.to_modem_seconds;
     if (direction == Direction::to_host) {
         std::swap(from, to);
+        seconds = amounts.to_host_seconds;
     }
     const std::string bytes = payload(chunk);
-    stream(from, to, bytes, amounts.stream_seconds / 10);
+    stream(from, to, bytes, seconds / 10);
     contestant.take_log_count(kChunkLine);
     const double cpu_before = contestant.cpu_seconds();
-    const Stream result = stream(from, to, bytes, amounts.stream_seconds);
+    const Stream result = stream(from, to, bytes, seconds);
     const double cpu = contestant.cpu_seconds() - cpu_before;
     const double mebibytes = static_cast<double>(result.bytes) / kMebibyte;
     return {{"figure", "stream"},

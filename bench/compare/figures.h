@@ -11,7 +11,8 @@ struct Amounts {
     int warm_up;           // commands
     int latency_commands;  // a round
     double rate_seconds;
-    double stream_seconds;
+    double to_modem_seconds;  // of data; no rest paces it, and what it carries varies by a tenth
+    double to_host_seconds;
 };
 
 // From a command's last byte to its answer's last byte, each command after a rest that is longer

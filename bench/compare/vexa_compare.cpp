@@ -76,11 +76,12 @@ int main(int argc, char** argv) {
     app.require_subcommand(1);
     CLI::App* rounds_command = app.add_subcommand("rounds", "all contestants in turn");
     int rounds = 5;
-    Amounts amounts{50, 2000, 1.0, 1.0};
+    Amounts amounts{50, 2000, 1.0, 5.0, 1.0};
     rounds_command->add_option("--rounds", rounds, "how often each has its turn");
     rounds_command->add_option("--latency-commands", amounts.latency_commands, "commands a turn");
     rounds_command->add_option("--rate-seconds", amounts.rate_seconds, "of commands back to back");
-    rounds_command->add_option("--stream-seconds", amounts.stream_seconds, "of data, each way");
+    rounds_command->add_option("--to-modem-seconds", amounts.to_modem_seconds, "of data");
+    rounds_command->add_option("--to-host-seconds", amounts.to_host_seconds, "of data");
     CLI::App* work_command = app.add_subcommand("work", "work for the daemon under a program");
     std::string kind;
     int count = 100;

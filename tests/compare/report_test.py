@@ -83,6 +83,14 @@ class Verdicts(unittest.TestCase):
             verdicts = judge(sum_up([rest, rate("daemon", daemon, 1, "platform")]))
             self.assertEqual([verdict.met for verdict in verdicts], [False, met], daemon)
 
+    def test_a_ratio_is_told_with_how_far_it_is_to_be_trusted(self) -> None:
+        # Two that lie 2 apart around 10: 1.2533 * 1.414 / sqrt(2) / 10 = 0.125 of it.
+        summed = sum_up([stream(by, speed) for by in ("daemon", "socat") for speed in (9, 11)])
+        ratio = judge(summed)[0]
+        self.assertAlmostEqual(ratio.error or 0, 0.125 * 2 ** 0.5, places=3)
+        self.assertIn("1.00 ± 0.18", page.verdict_rows([ratio])[1])
+        self.assertIsNone(judge(sum_up([stream("daemon", 9), stream("socat", 9)]))[0].error)
+
     def test_what_was_not_measured_is_not_judged(self) -> None:
         self.assertEqual(judge(sum_up([latency("daemon", 1)])), [])
 

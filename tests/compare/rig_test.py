@@ -24,7 +24,8 @@ def run(*arguments: str) -> list[dict[str, Any]]:
 class Rig(unittest.TestCase):
     def test_everybody_is_measured_in_every_way(self) -> None:
         records = run("rounds", "--rounds", "1", "--latency-commands", "3",
-                      "--rate-seconds", "0.05", "--stream-seconds", "0.05")
+                      "--rate-seconds", "0.05", "--to-modem-seconds", "0.05",
+                      "--to-host-seconds", "0.05")
         for by in EVERYBODY:
             of_one = [record for record in records if record["by"] == by]
             streams = {(record["direction"], record["chunk"]) for record in of_one

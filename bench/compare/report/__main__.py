@@ -100,7 +100,7 @@ def measure(given: argparse.Namespace) -> dict[str, Any]:
     options = ["--rounds", str(rounds)]
     if given.quick:
         options += ["--latency-commands", "200", "--rate-seconds", "0.3",
-                    "--stream-seconds", "0.3"]
+                    "--to-modem-seconds", "0.3", "--to-host-seconds", "0.3"]
     load_before = os.getloadavg()[0]
     records = run_rounds(given.rig, options, rounds)
     return {"date": time.strftime("%Y-%m-%d"), "machine": machine(), "rounds": rounds,

@@ -3,7 +3,8 @@
 from collections import defaultdict
 from collections.abc import Iterable, Mapping
 from dataclasses import dataclass
-from statistics import median
+from math import hypot, sqrt
+from statistics import median, stdev
 from typing import Any
 
 Record = Mapping[str, Any]
@@ -69,8 +70,18 @@ def rate_values(record: Record) -> Iterable[tuple[str, float]]:
         yield "cpu_us_a_command", record["cpu_us_a_command"]
 
 
+# Behind a figure's key: the standard error of its median, as a part of it.
+ERROR = "_error"
+MEDIAN_OF_NORMAL = 1.2533  # a median's standard error, of the mean's
+
+
+def error_of_median(seen: list[float]) -> float:
+    return MEDIAN_OF_NORMAL * stdev(seen) / sqrt(len(seen)) / median(seen)
+
+
 def sum_up(records: Iterable[Record]) -> dict[str, Values]:
-    """Contestant -> key -> value: the median of the rounds; for the answers, of all samples."""
+    """Contestant -> key -> value: the median of the rounds, and how far it is to be trusted; for
+    the answers, of all samples."""
     rounds: dict[str, dict[str, list[float]]] = defaultdict(lambda: defaultdict(list))
     samples: dict[str, list[float]] = defaultdict(list)
     for record in records:
@@ -88,6 +99,9 @@ def sum_up(records: Iterable[Record]) -> dict[str, Values]:
             of_one[key].append(value)
     summed = {by: {key: median(seen) for key, seen in of_one.items()}
               for by, of_one in rounds.items()}
+    for by, of_one in rounds.items():
+        summed[by] |= {key + ERROR: error_of_median(seen) for key, seen in of_one.items()
+                       if len(seen) > 1}
     for by, times in samples.items():
         summed[by]["answer_us_median"] = median(times)
         summed[by]["answer_us_p99"] = percentile(times, 0.99)
@@ -98,6 +112,7 @@ def sum_up(records: Iterable[Record]) -> dict[str, Values]:
 class Verdict:
     text: str
     value: float
+    error: float | None  # the value's standard error; None when it is not known
     limit: float
     met: bool
 
@@ -152,12 +167,19 @@ TARGETS = (
 def judge(summed: Mapping[str, Values]) -> list[Verdict]:
     verdicts = []
     for target in TARGETS:
-        value = summed.get("daemon", {}).get(target.key)
-        beside = (summed.get(target.beside, {}).get(target.beside_key or target.key)
-                  if target.beside else 1.0)
-        if value is None or not beside:
+        own = summed.get("daemon", {})
+        value, error = own.get(target.key), own.get(target.key + ERROR)
+        if value is None:
             continue
-        value /= beside
+        if target.beside:
+            others = summed.get(target.beside, {})
+            key = target.beside_key or target.key
+            if not others.get(key):
+                continue
+            value /= others[key]
+            beside_error = others.get(key + ERROR)
+            error = hypot(error, beside_error) if error and beside_error else None
         met = value >= target.limit if target.at_least else value <= target.limit
-        verdicts.append(Verdict(target.text, value, target.limit, met))
+        verdicts.append(Verdict(target.text, value, None if error is None else error * value,
+                                target.limit, met))
     return verdicts

@@ -39,8 +39,9 @@ def as_markdown(rows: Sequence[Sequence[str]], text_columns: int = 2) -> str:
 def verdict_rows(verdicts: Sequence[Verdict]) -> list[list[str]]:
     rows = [["Target", "", "Measured", "Limit"]]
     for verdict in verdicts:
+        error = "" if verdict.error is None else f" ± {verdict.error:,.2f}"
         rows.append([verdict.text, "met" if verdict.met else "MISSED",
-                     f"{verdict.value:,.2f}", f"{verdict.limit:,.2f}"])
+                     f"{verdict.value:,.2f}{error}", f"{verdict.limit:,.2f}"])
     return rows
 
 
