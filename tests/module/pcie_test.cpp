@@ -29,7 +29,8 @@ TEST(Pcie, OverUsbNoMonitorAndNoReaderOfThePipeExist) {
     MhiLink link(pcie);
     pcie.wait_for_log("mhi_ctrl detected. MBIM is over PCIe Interface: 0,0,0\r\n");
     EXPECT_EQ(usb.count_threads() + 2, pcie.count_threads());
-    EXPECT_EQ(usb.log_count("MHI Monitor Thread started"), 0);
+    EXPECT_EQ(usb.log_count("MHI Monitor Thread started: 0,0,0\r\n"), 0);
+    EXPECT_EQ(pcie.log_count("MHI Monitor Thread started: 0,0,0\r\n"), 1);
     EXPECT_EQ(usb.device(kMhiPipe).opens(), 0);
 }
 
@@ -376,7 +377,9 @@ TEST(Pcie, TargetChironWithConfiguration3SharesThePipeAndSaysSo) {
     options.files["/etc/data/port_bridge/port_bridge.config"] = "3";
     options.ready_devices = {kMhiPipe, "/dev/at_usb1", "/dev/ttyMSM1"};
     Module module(options);
-    module.wait_for_log("warning: /dev/mhi_pipe_32 is read by the main pair and by the PCIe AT");
+    module.wait_for_log(
+        "warning: /dev/mhi_pipe_32 is read by the main pair and by the PCIe AT port: each gets a "
+        "part of the input.\r\n");
 }
 
 }  // namespace

@@ -278,6 +278,26 @@ TEST_P(ModemReaderStepsDeathTest, AChannelThatIsLostIsOpenedAnewWithAFreshIntent
             << row.why;
 }
 
+TEST_P(ModemReaderStepsDeathTest, WhatEndedTheChannelIsLogged) {
+    const struct {
+        short revents;
+        const char* logged;
+    } rows[] = {
+        {POLLERR, "[)]:POLLERR is set[.]\r\n[^:]*:[^:]*:[^:]*:Closing: "},
+        {POLLHUP, "[)]:POLLHUP is set[.]\r\n[^:]*:[^:]*:[^:]*:Closing: "},
+        {POLLERR | POLLHUP, "[)]:POLLERR is set[.]\r\n[^:]*:[^:]*:[^:]*:POLLHUP is set[.]\r\n"},
+    };
+    for (const auto& row : rows)
+        EXPECT_EXIT(
+            {
+                OneMessage message(this->row());
+                message.lose_channel(1, row.revents);
+                message.serve_with_log("lost");
+            },
+            testing::ExitedWithCode(0), row.logged)
+            << row.revents;
+}
+
 TEST_P(ModemReaderStepsDeathTest, TheLineThatIsBeingTypedOnThePortIsLogged) {
     constexpr InputSource kSources[] = {InputSource::modem_port, InputSource::at_port,
                                         InputSource::uart_port};
