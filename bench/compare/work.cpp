@@ -17,6 +17,8 @@ namespace compare {
 namespace {
 
 constexpr std::uint16_t kUdpPort = 5555;
+// Always the same: the log has the port in decimal, and a digit more or less is 200 instructions.
+constexpr std::uint16_t kUdpClientPort = 12345;
 constexpr int kModemPort = 0;
 constexpr int kAtPort = 1;
 constexpr int kUartPort = 2;
@@ -56,16 +58,25 @@ void ask_platform(Rig& rig, int count) {
     }
 }
 
+sockaddr_in loopback(std::uint16_t port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
+}
+
 void ask_by_udp(Rig& rig, Contestant& daemon, int count, const std::string& command) {
     const AnsweringModem modem(daemon.modem_end(kAtPort));
     const bench::UniqueFd client = rig.space().socket(AF_INET, SOCK_DGRAM);
-    sockaddr_in server{};
-    server.sin_family = AF_INET;
-    server.sin_port = htons(kUdpPort);
-    server.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const sockaddr_in own = loopback(kUdpClientPort);
+    const sockaddr_in server = loopback(kUdpPort);
+    if (bind(client.get(), reinterpret_cast<const sockaddr*>(&own), sizeof own) < 0) {
+        throw Trouble("the client's UDP port could not be taken");
+    }
     for (int i = 0; i < count; ++i) {
         if (sendto(client.get(), command.data(), command.size(), 0,
-                   reinterpret_cast<sockaddr*>(&server), sizeof server) < 0) {
+                   reinterpret_cast<const sockaddr*>(&server), sizeof server) < 0) {
             throw Trouble("no datagram could be sent");
         }
         take_until(client.get(), kEnd, "a datagram");
