@@ -117,6 +117,7 @@ class HostReader {
     void after_close_elsewhere();
     bool wait_for_pipe();
     Next open_port();
+    void take_port(int fd);
     Next open_uart();
     [[nodiscard]] Next set_up_uart(int fd) const;
     bool may_retry_uart(int error);
@@ -218,29 +219,34 @@ Next HostReader::open_port() {
         sleep(1);
         return Next::go_on;
     }
-    store_device(device_, fd);
-    is_open_ = true;
+    take_port(fd);
     return Next::go_on;
 }
 
-// The set-up has a number of its own for the port: it may wait for output to drain, for ever, so it
-// holds no mutex, and meanwhile the slot's number may be closed by a writer and name another file.
+void HostReader::take_port(int fd) {
+    store_device(device_, fd);
+    is_open_ = true;
+}
+
+// The set-up may wait for output to drain, for ever, so it holds no mutex. Meanwhile the slot's
+// number may be closed by a writer and name another file: the set-up has a number of its own, or,
+// when there is none left, ends before anybody knows the port's.
 Next HostReader::open_uart() {
     puts("usb_uartport_to_modem_bridge open before......");
-    int fd = open_device(device_.path);
-    const int set_up_fd = fd < 0 ? -1 : fcntl(fd, F_DUPFD_CLOEXEC, 0);
+    const int fd = open_device(device_.path);
     const int error = errno;
-    if (fd >= 0 && set_up_fd < 0) {
-        close(fd);
-        fd = -1;
-    }
     puts("usb_uartport_to_modem_bridge open after......");
     VEXA_LOG("====>:Blocking open on '%s' fd:%d.\r\n", device_.path, fd);
     if (fd < 0)
         return may_retry_uart(error) ? Next::go_on : Next::end;
-    store_device(device_, fd);
-    is_open_ = true;
     reset_mux_input();
+    const int set_up_fd = fcntl(fd, F_DUPFD_CLOEXEC, 0);
+    if (set_up_fd < 0) {
+        const Next next = set_up_uart(fd);
+        take_port(fd);
+        return next;
+    }
+    take_port(fd);
     const Next next = set_up_uart(set_up_fd);
     close(set_up_fd);
     return next;

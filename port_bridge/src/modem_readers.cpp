@@ -402,11 +402,14 @@ void PlainReader::copy_control_lines(short revents) {
     if (!is_mhi_ && (revents & POLLPRI) == 0)
         return;
     get_control_lines(channel_.device(), signals_);
-    if (is_mhi_ && signals_ == signals_sent_)
-        return;
-    // A port that is away is told when it is there again.
-    if (set_control_lines(destination_of(info_), signals_) == 0)
+    const DeviceEnd host = destination_of(info_);
+    if (is_mhi_) {
+        // A port that is away while the word changes is told when it is there again.
+        if (signals_ == signals_sent_ || load_device(host) < 0)
+            return;
         signals_sent_ = signals_;
+    }
+    set_control_lines(host, signals_);
 }
 
 void PlainReader::read_chunk(const DevicePoll& polled) {

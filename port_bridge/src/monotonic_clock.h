@@ -1,4 +1,4 @@
-// The time that passes, whatever is done to the machine's clock.
+// The time that passes while the machine is awake, whatever is done to its clock.
 #pragma once
 
 #include <cstdint>

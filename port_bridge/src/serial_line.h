@@ -1,4 +1,5 @@
-// Line settings of the module's UART. The UART's host reader calls these with usb_uartport_mutex.
+// Line settings of the module's UART, for the UART's host reader alone. No lock: tcsetattr may wait
+// for output to drain.
 #pragma once
 
 #include <termios.h>

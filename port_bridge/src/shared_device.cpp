@@ -61,7 +61,7 @@ void get_control_lines(const DeviceEnd& device, int& word) {
              static_cast<unsigned>(word), text);
 }
 
-int set_control_lines(const DeviceEnd& device, int word) {
+void set_control_lines(const DeviceEnd& device, int word) {
     int result = 0;
     {
         const MutexGuard guard(device.mutex);
@@ -71,5 +71,4 @@ int set_control_lines(const DeviceEnd& device, int word) {
     construct_signal_string(text, sizeof(text), word);
     VEXA_LOG("TIOCMSET on '%s' returned %i, signals=0x%x (%s)\r\n", device.path, result,
              static_cast<unsigned>(word), text);
-    return result;
 }

@@ -32,6 +32,6 @@ inline constexpr int kDeviceGone = -2;
 // an error, kDeviceGone.
 int read_device(const DeviceEnd& device, int polled_fd, char* buffer);
 
-// The modem-control word (TIOCM bits) of a device. A failure is traced and `word` stays as it is.
+// The modem-control word (TIOCM bits) of a device. A failure is traced; `word` then stays as it is.
 void get_control_lines(const DeviceEnd& device, int& word);
-int set_control_lines(const DeviceEnd& device, int word);
+void set_control_lines(const DeviceEnd& device, int word);

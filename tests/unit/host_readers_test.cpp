@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pty.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -15,9 +14,9 @@
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
-#include <iterator>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "descriptors.h"
@@ -226,10 +225,18 @@ class NamedTerminal {
 
     const char* path() const { return path_.c_str(); }
     void take_away() const { unlink(path_.c_str()); }
+    void hang_up() { close(std::exchange(master_, -1)); }
     bool is_at(int fd) const {
         struct stat own {};
         struct stat other {};
         return fstat(slave_, &own) == 0 && fstat(fd, &other) == 0 && own.st_rdev == other.st_rdev;
+    }
+    // How often it is open beside the test's own.
+    int times_open() const {
+        int times = -1;
+        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+            times += is_at(std::stoi(entry.path().filename())) ? 1 : 0;
+        return times;
     }
 
   private:
@@ -239,16 +246,10 @@ class NamedTerminal {
     std::string path_;
 };
 
-int open_descriptors() {
-    const std::filesystem::directory_iterator entries("/proc/self/fd");
-    return static_cast<int>(std::distance(begin(entries), end(entries)));
-}
-
 // Output that does not drain holds up the set-up alone. A writer that fails meanwhile closes the
 // port, and its number is soon another file's.
 TEST_F(HostReaders, TheUartIsSetUpWithoutItsMutexAndAsNoOtherFile) {
     const NamedTerminal terminal;
-    const int before = open_descriptors();
     bool was_port = false;
     TakenCalls taken;
     taken.tcsetattr = [&](int fd, int, const termios*) {
@@ -270,35 +271,50 @@ TEST_F(HostReaders, TheUartIsSetUpWithoutItsMutexAndAsNoOtherFile) {
     const auto settings = ended.log.find("tcsetattr for " + std::string(terminal.path()), flags);
     EXPECT_NE(settings, std::string::npos) << ended.log;
     EXPECT_EQ(ended.pauses.size(), 61u) << "it was opened once";
-    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(terminal.times_open(), 0);
 }
 
-TEST_F(HostReaders, AUartThatNoNumberIsLeftForToSetItUpIsNotOpen) {
+// A port that took the last number is served all the same; nobody has its number before it is set
+// up.
+TEST_F(HostReaders, AUartThatTookTheLastNumberIsSetUpBeforeItIsKnown) {
+    NamedTerminal terminal;
+    int known_as = 0;
+    bool was_port = false;
+    TakenCalls taken;
+    taken.fcntl = [](int fd, int command, int argument) {
+        if (command != F_DUPFD_CLOEXEC)
+            return real_fcntl(fd, command, argument);
+        errno = EMFILE;
+        return -1;
+    };
+    taken.tcsetattr = [&](int fd, int, const termios*) {
+        known_as = usb_uartport_fd;
+        was_port = terminal.is_at(fd);
+        terminal.take_away();
+        terminal.hang_up();
+        return 0;
+    };
+    const Ended ended = run(usb_uartport_to_modem_bridge, uart_info(terminal.path()));
+    EXPECT_TRUE(was_port);
+    EXPECT_EQ(known_as, -1);
+    const auto set_up = ended.log.find("tcsetattr for " + std::string(terminal.path()));
+    EXPECT_NE(ended.log.find("POLLHUP is set.", set_up), std::string::npos)
+        << "it was served until the hang-up: " << ended.log;
+    EXPECT_EQ(ended.pauses.size(), 61u) << "it was opened once";
+    EXPECT_EQ(terminal.times_open(), 0);
+}
+
+TEST_F(HostReaders, AUartWhoseFlagsCannotBeSetEndsItsReaderAndLeavesThePortAloneOpen) {
     const NamedTerminal terminal;
-    rlimit all{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &all), 0);
-    thread_info_t info = uart_info(terminal.path());
-    const RecordedSleeps sleeps;
-    testing::internal::CaptureStdout();
-    const int next = open("/dev/null", O_RDWR | O_CLOEXEC);
-    const rlimit one_more = {static_cast<rlim_t>(next) + 1, all.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &one_more);
-    const int beyond = fcntl(next, F_DUPFD_CLOEXEC, 0);
-    close(next);
-    if (beyond < 0)
-        usb_uartport_to_modem_bridge(&info);
-    setrlimit(RLIMIT_NOFILE, &all);
-    const std::string log = testing::internal::GetCapturedStdout();
-    if (beyond >= 0) {
-        close(beyond);
-        GTEST_SKIP() << "the limit does not hold here";
-    }
-    EXPECT_EQ(count_of(log, "fd:-1.\r\n"), 61);
-    EXPECT_TRUE(log.ends_with("Couldn't open device file: " + std::to_string(EMFILE) +
-                              "\r\nreturn NULL.\n"))
-        << log;
-    EXPECT_EQ(usb_uartport_fd, -1);
-    EXPECT_EQ(fcntl(next, F_GETFD), -1) << "it was closed again";
+    TakenCalls taken;
+    taken.fcntl = [](int fd, int command, int argument) {
+        return command == F_SETFL ? -1 : real_fcntl(fd, command, argument);
+    };
+    const Ended ended = run(usb_uartport_to_modem_bridge, uart_info(terminal.path()));
+    EXPECT_TRUE(ended.log.ends_with("uart fcntl failed!\n")) << ended.log;
+    EXPECT_TRUE(terminal.is_at(usb_uartport_fd));
+    EXPECT_EQ(terminal.times_open(), 1);
+    close(usb_uartport_fd);
 }
 
 TEST_F(HostReaders, BrokenGateEndsTheReaderOfThePipe) {

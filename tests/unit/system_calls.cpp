@@ -275,6 +275,17 @@ int __wrap_ioctl(int fd, unsigned long request, ...) {
     return own != nullptr ? (*own)(fd, request, argument) : __real_ioctl(fd, request, argument);
 }
 
+// Every command used here has an int or nothing behind it.
+int __real_fcntl(int fd, int command, ...);
+int __wrap_fcntl(int fd, int command, ...) {
+    va_list arguments;
+    va_start(arguments, command);
+    const int argument = va_arg(arguments, int);
+    va_end(arguments);
+    const auto* own = taken(&TakenCalls::fcntl);
+    return own != nullptr ? (*own)(fd, command, argument) : __real_fcntl(fd, command, argument);
+}
+
 ssize_t __real_read(int fd, void* area, std::size_t size);
 ssize_t __wrap_read(int fd, void* area, std::size_t size) {
     const auto* own = taken(&TakenCalls::read);
@@ -304,6 +315,10 @@ int __wrap_tcsetattr(int fd, int action, const termios* settings) {
     const auto* own = taken(&TakenCalls::tcsetattr);
     return own != nullptr ? (*own)(fd, action, settings) : __real_tcsetattr(fd, action, settings);
 }
+}
+
+int real_fcntl(int fd, int command, int argument) {
+    return __real_fcntl(fd, command, argument);
 }
 
 FILE* real_popen(const char* command, const char* mode) {

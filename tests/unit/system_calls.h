@@ -72,10 +72,12 @@ struct TakenCalls {
     std::function<int(pthread_mutex_t*)> pthread_mutex_unlock;
     std::function<int(useconds_t)> usleep;
     std::function<int(int fd, unsigned long request, void* argument)> ioctl;
+    std::function<int(int fd, int command, int argument)> fcntl;
     std::function<FILE*(const char* command, const char* mode)> popen;
     std::function<ssize_t(int fd, void* area, std::size_t size)> read;
     std::function<ssize_t(int fd, const void* bytes, std::size_t size)> write;
     std::function<int(pollfd* set, nfds_t count, int timeout_ms)> poll;
     std::function<int(int fd, int action, const termios* settings)> tcsetattr;
 };
+int real_fcntl(int fd, int command, int argument);
 FILE* real_popen(const char* command, const char* mode);
