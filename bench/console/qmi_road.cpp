@@ -13,7 +13,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto kServiceDeadline = 10s;
+constexpr auto kServiceDeadline = 30s;
 
 }  // namespace
 

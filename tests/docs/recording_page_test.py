@@ -28,7 +28,8 @@ SESSIONS = [
                            "AT", "/scenario MODEM", 'AT+CMGS="+15550100"', "See you"]),
     (["--port", "udp"], ["AT", "AT+CGMR"]),
     (["--port", "qmi"], ["AT"]),
-    (["--port", "pcie"], ["AT", "/mhi disconnect 32", "/mhi connect", "AT"]),
+    # Answers go to the pipe while it is live: the last step is the one that ends that.
+    (["--port", "pcie"], ["AT", "/mhi connect", "AT", "/mhi disconnect 32"]),
     (["--port", "mux"], ["AT"]),
 ]
 

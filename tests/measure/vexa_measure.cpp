@@ -23,6 +23,7 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
 constexpr auto kIdle = 10s;
+constexpr auto kLongestWait = 11s;  // of a command whose answer came before its wait
 constexpr int kWarmUp = 1000;
 constexpr int kBlock = 250;  // commands between looks at the log
 constexpr int kStarts = 9;
@@ -36,18 +37,23 @@ void print(const std::string& name, double value) {
     fflush(stdout);
 }
 
-// Both: the most of one thread, and of all together, in the idle time.
+// The most of one thread, and of all together, in the idle time.
 struct Wakeups {
     long of_one = 0;
     long of_all = 0;
+    double seconds = 0;
+
+    double a_second() const { return static_cast<double>(of_all) / seconds; }
 };
 
 Wakeups idle_wakeups(int pid) {
-    std::this_thread::sleep_for(1s);  // the last command's pauses end
+    std::this_thread::sleep_for(kLongestWait);
     const auto before = voluntary_switches(pid);
+    const auto begin = Clock::now();
     std::this_thread::sleep_for(kIdle);
     const auto after = voluntary_switches(pid);
     Wakeups wakeups;
+    wakeups.seconds = std::chrono::duration<double>(Clock::now() - begin).count();
     for (const auto& [thread, count] : after) {
         const auto old = before.find(thread);
         const long grown = old == before.end() ? count : count - old->second;
@@ -180,16 +186,12 @@ void measure_idle_mhi() {
     Module module(options);
     FakePlatform platform(module);
     platform.wait_until_connected();
-    const Wakeups wakeups = idle_wakeups(module.daemon_pid());
-    const double seconds = std::chrono::duration<double>(kIdle).count();
-    print("idle_mhi_wakeups_a_second", static_cast<double>(wakeups.of_all) / seconds);
+    print("idle_mhi_wakeups_a_second", idle_wakeups(module.daemon_pid()).a_second());
 }
 
 void measure_idle_without_platform() {
     Module module;
-    const Wakeups wakeups = idle_wakeups(module.daemon_pid());
-    const double seconds = std::chrono::duration<double>(kIdle).count();
-    print("idle_no_platform_wakeups_a_second", static_cast<double>(wakeups.of_all) / seconds);
+    print("idle_no_platform_wakeups_a_second", idle_wakeups(module.daemon_pid()).a_second());
 }
 
 }  // namespace

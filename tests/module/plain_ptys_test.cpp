@@ -15,8 +15,8 @@ const std::string kEchoed = std::string("AT+CGMR\r") + std::string(kAnswer);
 ModuleOptions without_shim() {
     ModuleOptions options;
     options.absent = {"/dev/at_mdm0", "/dev/smd7", "/dev/smd8"};
+    options.ready_devices = {"/dev/at_usb0", "/dev/at_usb1", "/dev/ttyMSM1"};
     options.start = false;
-    options.wait_until_ready = false;  // known from the shim's words
     return options;
 }
 
@@ -70,7 +70,6 @@ TEST(PlainPipe, CarriesTheModemsCommandsAndAnswers) {
     ModuleOptions options = without_shim();
     options.target = 24;
     options.ready_devices = {"/dev/at_usb0", "/dev/mhi_pipe_32"};
-    options.wait_until_ready = true;
     options.start = true;
     Module module(options);
     module.pcie_pipe().write("\r\n+CREG: 1\r\n");

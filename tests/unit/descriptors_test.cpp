@@ -59,17 +59,17 @@ struct Pipe {
     Pipe& operator=(const Pipe&) = delete;
 };
 
-// Until the thread sleeps, in the one call of it that can.
+// Until the thread was seen asleep five times, a millisecond apart: in its poll, and not for a
+// moment in the log's lock or the C library's on the way there.
 void wait_until_asleep(pid_t thread) {
     const std::string path = "/proc/self/task/" + std::to_string(thread) + "/stat";
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    for (char state = 'R'; state != 'S';) {
+    for (int looks = 0; looks < 5; std::this_thread::sleep_for(std::chrono::milliseconds(1))) {
         ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "it does not wait";
         std::ifstream file(path);
         std::string text;
         std::getline(file, text);
-        state = text.at(text.rfind(')') + 2);
-        std::this_thread::yield();
+        looks = text.at(text.rfind(')') + 2) == 'S' ? looks + 1 : 0;
     }
 }
 

@@ -15,7 +15,7 @@ from selenium.webdriver.support.wait import WebDriverWait
 from vexa_trace.html import write_page
 from vexa_trace.recording import Recording
 
-DEADLINE = 3  # seconds; generous, for machines that do much else
+DEADLINE = 60  # seconds; generous, for machines that do much else
 OPTIONS = (
     "--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage", "--no-first-run",
     "--disable-background-networking", "--disable-component-update", "--disable-sync",

@@ -318,8 +318,8 @@ class Recorded(PageTest):
     def record(self) -> Recording:
         path = f"{self.folder.name}/session.jsonl"
         lines = 'AT+CFUN?\nAT+CGMR\nAT+CMGS="+15550100"\nHello\n/unplug modem\n'
-        subprocess.run([os.environ["VEXA_BENCH"], "--record", path], input=lines.encode(),
-                       capture_output=True, check=True, timeout=DEADLINE)
+        subprocess.run([os.environ["VEXA_BENCH"], "--time-out", "60", "--record", path],
+                       input=lines.encode(), capture_output=True, check=True, timeout=DEADLINE)
         return read_file(path)
 
     def test_it_is_drawn(self) -> None:
