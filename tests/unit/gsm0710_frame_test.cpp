@@ -125,15 +125,14 @@ TEST(MuxAcknowledgement, FixedFrames) {
         {3, "\xF9\x13\x3F\x01\x5D\xF9"sv},
     };
     for (const auto& row : rows) {
-        std::array<char, 4096> area;
+        std::array<char, 4097> area;
         area.fill('x');
         int length = 0;
         EXPECT_EQ(assemble_ua_ack_packet(row.index, area.data(), &length), 1);
         EXPECT_EQ(length, 6);
         EXPECT_EQ(std::string_view(area.data(), 6), row.expected) << row.index;
-        EXPECT_EQ(std::string_view(area.data() + 6, area.size() - 6).find_first_not_of('\0'),
-                  std::string_view::npos)
-            << "the rest of the area is cleared";
+        EXPECT_EQ(std::string_view(area.data() + 6, area.size() - 6).find_first_not_of('\0'), 4090u)
+            << "the rest of the 4,096 bytes is cleared, and no more";
     }
 }
 

@@ -282,8 +282,15 @@ TEST_F(MbimSelfTest, TheSecondTriggerFileHasItsOwnText) {
     EXPECT_EQ(libraries_.requests[0].record.data_len, 11U);
 }
 
-TEST_F(MbimSelfTest, SendsAsManyMessagesAsItIsTold) {
+TEST_F(MbimSelfTest, SendsAsManyMessagesAsItIsToldAndPausesAfterEach) {
+    std::vector<useconds_t> pauses;
+    TakenCalls taken;
+    taken.usleep = [&pauses](useconds_t microseconds) {
+        pauses.push_back(microseconds);
+        return 0;
+    };
     EXPECT_THAT(run(true, false, 3), HasSubstr("returned 0 on loop 2\n"));
+    EXPECT_EQ(pauses, (std::vector<useconds_t>{500, 500, 500}));
     EXPECT_EQ(libraries_.requests.size(), 3U);
     EXPECT_EQ(load_shared(pending_async), 0);
 }

@@ -170,6 +170,26 @@ TEST(ReceiverStartDeathTest, NothingIsServedBeforeTheModemAndTheAtPortAreConnect
     EXPECT_EXIT(begin_with(kAtPort, kModemPort), testing::ExitedWithCode(0), "");
 }
 
+[[noreturn]] void begin_with_none() {
+    Link& link = *new Link;
+    if (freopen("/dev/null", "w", stdout) == nullptr)
+        _exit(97);
+    link.start_receiver([](SystemCalls&, TakenCalls& taken) {
+        taken.usleep = [pauses = 0](useconds_t microseconds) mutable {
+            fprintf(stderr, "pause %u;", static_cast<unsigned>(microseconds));
+            if (++pauses == 2)
+                _exit(0);
+            return 0;
+        };
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(kDeadlineMs));
+    _exit(1);
+}
+
+TEST(ReceiverStartDeathTest, TheConnectionsAreLookedForEveryHalfSecond) {
+    EXPECT_EXIT(begin_with_none(), testing::ExitedWithCode(0), "^pause 500000;pause 500000;$");
+}
+
 [[noreturn]] void begin_refused_with(PortIndex first, PortIndex second) {
     Link& link = *new Link;
     link.connect(kUartPort);
@@ -217,6 +237,31 @@ TEST(ReceiverStartDeathTest, AFailedOpenIsTriedAgainEverySecond) {
                     "new connection " +
                         name + " is failed\\.\\(m_fd:.*new connection is " + name + " OK again");
     }
+}
+
+// By a clock that stands, so that the time-out is the whole of it.
+[[noreturn]] void poll_without_socket() {
+    Link& link = *new Link;
+    if (freopen("/dev/null", "w", stdout) == nullptr)
+        _exit(97);
+    link.connect_all_but(kUartPort);
+    open_without_socket(kUartPort);
+    link.start_receiver([](SystemCalls&, TakenCalls& taken) {
+        taken.clock_gettime = [](clockid_t, timespec* now) {
+            *now = {5, 0};
+            return 0;
+        };
+        taken.poll = [](pollfd*, nfds_t, int timeout_ms) -> int {
+            fprintf(stderr, "poll for %d ms", timeout_ms);
+            _exit(0);
+        };
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(kDeadlineMs));
+    _exit(1);
+}
+
+TEST(ReceiverStartDeathTest, AFailedOpenIsDueAgainInASecond) {
+    EXPECT_EXIT(poll_without_socket(), testing::ExitedWithCode(0), "^poll for 1000 ms$");
 }
 
 // The receiver is in its poll already.

@@ -598,4 +598,17 @@ TEST_P(HostReaderStepsOfAPortDeathTest, OnlyTheModemPortTracesOddEventsOfAChunk)
                 "read data 0 !!!!0,0,0[.]\r\n$");
 }
 
+TEST(PlainReaderStepsDeathTest, PausesOfEmptyReadsGrowToASecond) {
+    std::string steps = "^poll first;read;";
+    for (int pause = 1000; pause < 1'000'000; pause *= 2)
+        steps += "poll first;read;pause " + std::to_string(pause) + ";";
+    for (int i = 0; i < 3; ++i) steps += "poll first;read;pause 1000000;";
+    EXPECT_EXIT(
+        {
+            PlainPasses passes(false, std::vector<Polled>(14, {1, POLLIN}));
+            passes.run();
+        },
+        testing::ExitedWithCode(0), steps + "poll first;$");
+}
+
 }  // namespace

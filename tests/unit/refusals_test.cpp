@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <pthread.h>
 #include <sys/select.h>
 #include <sys/socket.h>
@@ -11,13 +12,18 @@
 #include <cstring>
 #include <functional>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "mbim_udp_relay.h"
 #include "mutex_guard.h"
 #include "platform_link.h"
+#include "port_records.h"
+#include "recorded_sleeps.h"
 #include "shared_int.h"
 #include "system_calls.h"
 #include "target.h"
+#include "udp_server.h"
 #include "vexa_mbim_service_v01.h"
 #include "vexa_socket_client.h"
 #include "vexa_socket_server.h"
@@ -112,6 +118,47 @@ TEST_F(Refusals, TheUdpServersSocketIsADatagramSocketAndIsLogged) {
     EXPECT_EQ(getsockopt(sockfd, SOL_SOCKET, SO_PROTOCOL, &protocol, &size), 0);
     EXPECT_EQ(protocol, 17);
     close(sockfd);
+}
+
+// Two sockets that cannot have the port, then one that has a datagram; the client's own socket
+// cannot be made, which ends the server.
+void serve_after_two_refusals(std::vector<unsigned>& pauses) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    const auto own_address = [&] { return reinterpret_cast<sockaddr*>(&address); };
+    const int served = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const int client = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(bind(served, own_address(), size), 0);
+    ASSERT_EQ(getsockname(served, own_address(), &size), 0);
+    ASSERT_EQ(sendto(client, "AT\r", 3, 0, own_address(), size), 3);
+    SystemCalls system;
+    for (int i = 0; i < 2; ++i) {
+        system.answer(Call::inet_socket, socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        system.answer(Call::bind, -1, EADDRINUSE);
+    }
+    system.answer(Call::inet_socket, served);
+    system.answer(Call::bind, 0);
+    system.answer(Call::inet_socket, -1, EMFILE);
+    const RecordedSleeps sleeps;
+    thread_info_t record = kModemAt;
+    EXPECT_EQ(remote_udp_data_handler(&record), nullptr);
+    pauses = sleeps.seconds;
+    close(client);
+    close(served);
+}
+
+TEST_F(Refusals, TheUdpServersPortIsTriedAgainEveryFiveSeconds) {
+    std::vector<unsigned> pauses;
+    const std::string log = log_of([&pauses] {
+        std::thread server([&pauses] { serve_after_two_refusals(pauses); });
+        server.join();
+    });
+    EXPECT_EQ(pauses, (std::vector<unsigned>{5, 5}));
+    EXPECT_THAT(log, HasSubstr("init_udp_at_server_socket error sleep try again.....\r\n"));
+    store_shared(g_loc_udp_at_server_socket, -1);
+    store_shared(g_at_over_sokcet_enable, 0);
 }
 
 TEST_F(Refusals, TheRelayGetsNoSocketOrNoTimeOut) {

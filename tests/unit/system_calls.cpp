@@ -138,6 +138,8 @@ int __wrap_socket(int domain, int type, int protocol) {
 
 int __real_setsockopt(int fd, int level, int name, const void* value, socklen_t size);
 int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t size) {
+    if (const auto* own = taken(&TakenCalls::setsockopt))
+        return (*own)(fd, level, name, value, size);
     const auto given = answered(Call::setsockopt);
     return given ? *given : __real_setsockopt(fd, level, name, value, size);
 }

@@ -5,6 +5,7 @@
 
 #include <poll.h>
 #include <pthread.h>
+#include <sys/socket.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -73,6 +74,7 @@ struct TakenCalls {
     std::function<int(useconds_t)> usleep;
     std::function<int(int fd, unsigned long request, void* argument)> ioctl;
     std::function<int(int fd, int command, int argument)> fcntl;
+    std::function<int(int fd, int level, int name, const void* value, socklen_t size)> setsockopt;
     std::function<FILE*(const char* command, const char* mode)> popen;
     std::function<ssize_t(int fd, void* area, std::size_t size)> read;
     std::function<ssize_t(int fd, const void* bytes, std::size_t size)> write;
