@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -402,14 +403,13 @@ void PlainReader::copy_control_lines(short revents) {
     if (!is_mhi_ && (revents & POLLPRI) == 0)
         return;
     get_control_lines(channel_.device(), signals_);
-    const DeviceEnd host = destination_of(info_);
-    if (is_mhi_) {
-        // A port that is away while the word changes is told when it is there again.
-        if (signals_ == signals_sent_ || load_device(host) < 0)
-            return;
+    if (is_mhi_ && signals_ == signals_sent_)
+        return;
+    const int error = set_control_lines(destination_of(info_), signals_);
+    // A port that is away or hung up is told when it is there again; one without such lines is not
+    // asked twice.
+    if (error == 0 || error == ENOTTY || error == EINVAL)
         signals_sent_ = signals_;
-    }
-    set_control_lines(host, signals_);
 }
 
 void PlainReader::read_chunk(const DevicePoll& polled) {

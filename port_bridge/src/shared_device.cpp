@@ -4,6 +4,8 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 #include "device_io.h"
 #include "log.h"
 #include "mutex_guard.h"
@@ -61,14 +63,17 @@ void get_control_lines(const DeviceEnd& device, int& word) {
              static_cast<unsigned>(word), text);
 }
 
-void set_control_lines(const DeviceEnd& device, int word) {
+int set_control_lines(const DeviceEnd& device, int word) {
     int result = 0;
+    int error = 0;
     {
         const MutexGuard guard(device.mutex);
         result = ioctl(*device.slot, TIOCMSET, &word);
+        error = result < 0 ? errno : 0;
     }
     char text[64];
     construct_signal_string(text, sizeof(text), word);
     VEXA_LOG("TIOCMSET on '%s' returned %i, signals=0x%x (%s)\r\n", device.path, result,
              static_cast<unsigned>(word), text);
+    return error;
 }

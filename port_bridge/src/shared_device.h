@@ -34,4 +34,5 @@ int read_device(const DeviceEnd& device, int polled_fd, char* buffer);
 
 // The modem-control word (TIOCM bits) of a device. A failure is traced; `word` then stays as it is.
 void get_control_lines(const DeviceEnd& device, int& word);
-void set_control_lines(const DeviceEnd& device, int word);
+// 0, or the errno of the failure.
+int set_control_lines(const DeviceEnd& device, int word);

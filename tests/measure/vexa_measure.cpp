@@ -48,8 +48,8 @@ struct Wakeups {
 
 Wakeups idle_wakeups(int pid) {
     std::this_thread::sleep_for(kLongestWait);
-    const auto before = voluntary_switches(pid);
     const auto begin = Clock::now();
+    const auto before = voluntary_switches(pid);
     std::this_thread::sleep_for(kIdle);
     const auto after = voluntary_switches(pid);
     Wakeups wakeups;

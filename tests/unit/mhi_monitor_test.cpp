@@ -183,18 +183,21 @@ int option_of(int fd, int option) {
 
 TEST_F(MhiMonitor, TheSocketListensToKernelUeventsUnderTheProcessId) {
     int bytes = 0;  // of the receive buffer; the kernel makes no buffer as small as that
+    int buffer_of = -1;
     int fd = -1;
     {
         TakenCalls taken;
-        taken.setsockopt = [&bytes](int, int level, int name, const void* value, socklen_t size) {
+        taken.setsockopt = [&](int set_fd, int level, int name, const void* value, socklen_t size) {
             if (level == SOL_SOCKET && name == SO_RCVBUF && size == sizeof bytes)
                 memcpy(&bytes, value, sizeof bytes);
+            buffer_of = set_fd;
             return 0;
         };
         fd = vexa_linux_open_netlink_socket();
     }
     ASSERT_GE(fd, 0);
     EXPECT_EQ(bytes, 1024);
+    EXPECT_EQ(buffer_of, fd);
     sockaddr_nl address{};
     socklen_t size = sizeof address;
     ASSERT_EQ(getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size), 0);

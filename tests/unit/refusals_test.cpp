@@ -159,6 +159,7 @@ TEST_F(Refusals, TheUdpServersPortIsTriedAgainEveryFiveSeconds) {
     EXPECT_THAT(log, HasSubstr("init_udp_at_server_socket error sleep try again.....\r\n"));
     store_shared(g_loc_udp_at_server_socket, -1);
     store_shared(g_at_over_sokcet_enable, 0);
+    g_udp_sock_client_addr_array[0] = {};
 }
 
 TEST_F(Refusals, TheRelayGetsNoSocketOrNoTimeOut) {

@@ -6,7 +6,7 @@ import os
 import subprocess
 import unittest
 
-from browser import DEADLINE, PageTest
+from browser import PageTest
 from recordings import HOSTILE, Lines, long, usual
 from selenium.webdriver.common.keys import Keys
 from vexa_trace.picture import make_picture
@@ -319,7 +319,7 @@ class Recorded(PageTest):
         path = f"{self.folder.name}/session.jsonl"
         lines = 'AT+CFUN?\nAT+CGMR\nAT+CMGS="+15550100"\nHello\n/unplug modem\n'
         subprocess.run([os.environ["VEXA_BENCH"], "--time-out", "60", "--record", path],
-                       input=lines.encode(), capture_output=True, check=True, timeout=DEADLINE)
+                       input=lines.encode(), capture_output=True, check=True, timeout=120)
         return read_file(path)
 
     def test_it_is_drawn(self) -> None:
