@@ -221,11 +221,22 @@ TEST_P(Engine, AnOverlongLineIsDroppedToItsEnd) {
 }
 
 TEST_P(Engine, AnOverlongLineMayEndInTheChunkThatOverflows) {
-    for (const char* end : {"\r", "\r\n", "\x1A", "xx\r\n"}) {
+    struct {
+        char s3;
+        const char* chunk;
+        bool ends;
+    } const rows[] = {
+        {'\r', "\r", true},  {'\r', "\r\n", true}, {'\r', "\x1A", true}, {'\r', "xx\r\n", true},
+        {'\r', "\n", false}, {'\r', "x\n", false}, {'\r', "\rx", false}, {'#', "\r", true},
+        {'#', "#", true},    {'#', "x#\n", true},  {'#', "#x", false},   {'#', "\r\n", false},
+    };
+    for (const auto& row : rows) {
         own.feed("AT+X=" + std::string(kDeviceReadSize - 5, 'y'));
-        EXPECT_EQ(own.feed(end), 0);
+        store_shared(g_ats3_carriage_return_char, static_cast<uint8_t>(row.s3));
+        EXPECT_EQ(own.feed(row.chunk), 0);
+        store_shared(g_ats3_carriage_return_char, 13);
         own.feed("AT\r");
-        EXPECT_EQ(own.cp.messages(), (Lines{"AT\r"}));
+        EXPECT_EQ(own.cp.messages(), row.ends ? Lines{"AT\r"} : Lines{}) << row.s3 << row.chunk;
     }
 }
 
@@ -322,9 +333,13 @@ TEST_P(Engine, LeavingPppModeIsLogged) {
 
 TEST_P(Engine, DataGoesToThePlatform) {
     own.set_mode(USB_PORT_DATA_MODE);
-    const std::string data("AT\r\0\xFF", 5);
-    EXPECT_EQ(own.feed(data), 1);
-    EXPECT_EQ(own.to_platform(), (Lines{data}));
+    testing::internal::CaptureStdout();
+    for (const std::string& data :
+         {std::string("AT\r\0\xFF", 5), std::string("x"), std::string("\x1Ax")}) {
+        EXPECT_EQ(own.feed(data), 1);
+        EXPECT_EQ(own.to_platform(), (Lines{data}));
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStdout().find("ctrl+z"), std::string::npos);
     testing::internal::CaptureStdout();
     EXPECT_EQ(own.feed("\x1A"), 1);
     EXPECT_NE(testing::internal::GetCapturedStdout().find("we got ctrl+z, exit data mode. "),
@@ -441,7 +456,11 @@ TEST_P(Engine, MissingArgumentsAreLoggedAndNeverFollowed) {
     own.set_mode(USB_PORT_ATCMD_MODE);
     EXPECT_EQ(common_input_atcmd_proc(-1, nullptr, 0, nullptr, nullptr, nullptr, nullptr), 1);
     const std::string log = testing::internal::GetCapturedStdout();
-    EXPECT_NE(log.find("common_input_atcmd_proc input error."), std::string::npos);
+    int complaints = 0;
+    for (auto at = log.find("common_input_atcmd_proc input error."); at != std::string::npos;
+         at = log.find("common_input_atcmd_proc input error.", at + 1))
+        ++complaints;
+    EXPECT_EQ(complaints, 7) << "one for each call";
     EXPECT_NE(log.find("send_atcmd_to_plat_cp input error.\r"), std::string::npos);
     EXPECT_TRUE(own.cp.messages().empty());
 }
