@@ -32,6 +32,7 @@ TEST(Pcie, OverUsbNoMonitorAndNoReaderOfThePipeExist) {
     EXPECT_EQ(usb.log_count("MHI Monitor Thread started: 0,0,0\r\n"), 0);
     EXPECT_EQ(pcie.log_count("MHI Monitor Thread started: 0,0,0\r\n"), 1);
     EXPECT_EQ(usb.device(kMhiPipe).opens(), 0);
+    EXPECT_EQ(pcie.log_count("is read by the main pair"), 0) << "it has ports of its own here";
 }
 
 TEST(Pcie, ChannelsConnectedInHalvesOpenThePipe) {

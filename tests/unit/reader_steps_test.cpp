@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <initializer_list>
 #include <string>
 #include <utility>
@@ -356,7 +357,8 @@ class PlainPasses {
         taken_.poll = [this](pollfd* set, nfds_t count, int timeout_ms) {
             return asks_for_hang_up(count) ? 0 : next_poll(set, timeout_ms);
         };
-        taken_.read = [this](int, void*, std::size_t) {
+        taken_.read = [this](int, void* area, std::size_t) {
+            memcpy(area, "abc", 3);
             now_ms_ += reads_ < gaps_ms.size() ? gaps_ms[reads_++] : 0;
             fputs("read;", stderr);
             return read_result;
@@ -387,7 +389,8 @@ class PlainPasses {
 
     [[noreturn]] void run() {
         end_in_time();
-        if (freopen("/dev/null", "w", stdout) == nullptr)
+        if (is_logged ? dup2(STDERR_FILENO, STDOUT_FILENO) < 0
+                      : freopen("/dev/null", "w", stdout) == nullptr)
             _exit(3);
         (is_mhi_ ? modem_to_usb_bridge_mhi : modem_to_usb_bridge_smd)(&info_);
         _exit(2);
@@ -396,6 +399,7 @@ class PlainPasses {
     ssize_t read_result = 0;
     std::vector<int> gaps_ms;  // by which time has passed at each read
     int lines = 0;             // the channel's
+    bool is_logged = false;    // on stderr, among the steps
     int refusal = 0;           // errno of the first setting of the host's lines, 0: it is taken
 
   private:
@@ -457,6 +461,19 @@ TEST(PlainReaderStepsDeathTest, WhatAPollTellsIsReadOrEndsTheChannel) {
             },
             testing::ExitedWithCode(0), std::string("^poll first;").append(row.steps).append("$"))
             << (row.is_mhi ? "MHI: " : "SMD: ") << row.why;
+}
+
+TEST(PlainReaderStepsDeathTest, WhatWasReadIsLogged) {
+    for (const bool is_mhi : {false, true})
+        EXPECT_EXIT(
+            {
+                setvbuf(stdout, nullptr, _IONBF, 0);
+                PlainPasses passes(is_mhi, {{1, POLLIN}});
+                passes.read_result = 3;
+                passes.is_logged = true;
+                passes.run();
+            },
+            testing::ExitedWithCode(0), "read;.*buf contains 'abc'\r\n.*write 3;");
 }
 
 TEST(PlainReaderStepsDeathTest, AWordOfTheModemIsSentUntilTheHostsPortIsThereToTakeIt) {
