@@ -38,7 +38,8 @@ WORKS = (
 # The log has descriptors in decimal, and threads take theirs in any order: with 3 to 9 taken, each
 # of the daemon's has two digits in every run.
 TAKEN = "exec " + " ".join(f"{descriptor}</dev/null" for descriptor in range(3, 10))
-COUNTED = ("/bin/sh", "-c", f'{TAKEN}; exec "$@"', "sh", "/usr/bin/valgrind", "-q", "--tool=callgrind")
+COUNTED = ("/bin/sh", "-c", f'{TAKEN}; exec "$@"', "sh",
+           "/usr/bin/valgrind", "-q", "--tool=callgrind")
 
 
 def total_of(profile: Path) -> int:
