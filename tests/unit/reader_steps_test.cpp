@@ -500,6 +500,19 @@ TEST(PlainReaderStepsDeathTest, AWordOfTheModemIsSentUntilTheHostsPortIsThereToT
             << row.why;
 }
 
+TEST(PlainReaderStepsDeathTest, PausesOfEmptyReadsGrowToASecond) {
+    std::string steps = "^poll first;read;";
+    for (int pause = 1000; pause < 1'000'000; pause *= 2)
+        steps += "poll first;read;pause " + std::to_string(pause) + ";";
+    for (int i = 0; i < 3; ++i) steps += "poll first;read;pause 1000000;";
+    EXPECT_EXIT(
+        {
+            PlainPasses passes(false, std::vector<Polled>(14, {1, POLLIN}));
+            passes.run();
+        },
+        testing::ExitedWithCode(0), steps + "poll first;$");
+}
+
 TEST(PlainReaderStepsDeathTest, EmptyReadsInARowPauseAndOnesFarApartDoNot) {
     const Polled readable = {1, POLLIN};
     const std::vector<int> gaps_ms = {0, 1, 1, 2000, 2001, 1, 2001};
@@ -613,19 +626,6 @@ TEST_P(HostReaderStepsOfAPortDeathTest, OnlyTheModemPortTracesOddEventsOfAChunk)
                               : "read data 0 !!!!0,0,0[.]\r\n$");
     EXPECT_EXIT(poll_once(row(), POLLIN), testing::ExitedWithCode(0),
                 "read data 0 !!!!0,0,0[.]\r\n$");
-}
-
-TEST(PlainReaderStepsDeathTest, PausesOfEmptyReadsGrowToASecond) {
-    std::string steps = "^poll first;read;";
-    for (int pause = 1000; pause < 1'000'000; pause *= 2)
-        steps += "poll first;read;pause " + std::to_string(pause) + ";";
-    for (int i = 0; i < 3; ++i) steps += "poll first;read;pause 1000000;";
-    EXPECT_EXIT(
-        {
-            PlainPasses passes(false, std::vector<Polled>(14, {1, POLLIN}));
-            passes.run();
-        },
-        testing::ExitedWithCode(0), steps + "poll first;$");
 }
 
 }  // namespace
